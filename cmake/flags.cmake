@@ -1,0 +1,30 @@
+# Warnings for everything, and the rules that keep the shared object free of the C++ runtime.
+add_library(vela_warnings INTERFACE)
+target_compile_options(vela_warnings INTERFACE
+    -Wall -Wextra -Werror -Wshadow -Wformat=2 -Wno-format-nonliteral -Wundef -Wvla -Wno-missing-field-initializers)
+
+add_library(vela_sanitizers INTERFACE)
+if(VELA_SANITIZE)
+    target_compile_options(vela_sanitizers INTERFACE
+        -fsanitize=${VELA_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+    string(REPLACE "fuzzer-no-link," "" link_sanitizers ${VELA_SANITIZE})
+    target_link_options(vela_sanitizers INTERFACE -fsanitize=${link_sanitizers})
+else()
+    target_compile_options(vela_sanitizers INTERFACE -fstack-protector-strong)
+endif()
+
+add_library(vela_rules INTERFACE)
+target_link_libraries(vela_rules INTERFACE vela_warnings vela_sanitizers)
+target_compile_options(vela_rules INTERFACE
+    -fvisibility=hidden -fno-semantic-interposition -ffunction-sections -fdata-sections
+    $<$<CONFIG:Release>:-O2>
+    $<$<COMPILE_LANGUAGE:CXX>:-fvisibility-inlines-hidden -fno-exceptions -fno-rtti -fno-threadsafe-statics>)
+# 64-bit times and offsets on 32-bit targets too: vl_now is exported, its size is a contract.
+target_compile_definitions(vela_rules INTERFACE _GNU_SOURCE _FILE_OFFSET_BITS=64)
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+    target_compile_definitions(vela_rules INTERFACE _TIME_BITS=64)
+endif()
+target_include_directories(vela_rules INTERFACE ${PROJECT_SOURCE_DIR} ${PROJECT_BINARY_DIR}/generated)
+if(NOT VELA_SANITIZE)
+    target_compile_options(vela_rules INTERFACE $<$<CONFIG:Release>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>)
+endif()

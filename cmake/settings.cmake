@@ -1,0 +1,13 @@
+# What differs from one maker or deployment to the next. Each reaches the code through one generated header.
+set(VELA_CRASH_URL "https://crash.vela.example" CACHE STRING "Crash-report service, production")
+set(VELA_CRASH_URL_DEV "https://crash-dev.vela.example" CACHE STRING "Crash-report service, development")
+set(VELA_TRACE_URL "https://trace.vela.example" CACHE STRING "Trace service, production")
+set(VELA_TRACE_URL_DEV "https://trace-dev.vela.example" CACHE STRING "Trace service, development")
+# By address, so that finding the resolver needs no resolver.
+set(VELA_DOH_URL_1 "https://1.1.1.1/dns-query" CACHE STRING "First DNS-over-HTTPS resolver")
+set(VELA_DOH_URL_2 "https://8.8.8.8/dns-query" CACHE STRING "Second DNS-over-HTTPS resolver")
+# Locally administered, hence nobody's: a maker sets its own.
+set(VELA_VENDOR_OUI "0x025656" CACHE STRING "OUI of the chip vendor's nl80211 commands")
+set(VELA_MAKER_OUI "0x02564C" CACHE STRING "OUI of the maker's information element")
+
+configure_file(${CMAKE_CURRENT_LIST_DIR}/settings.h.in ${PROJECT_BINARY_DIR}/generated/vela/settings.h)

@@ -1,0 +1,19 @@
+# pkg-config file, CMake package, and a Debian package by CPack.
+include(CMakePackageConfigHelpers)
+configure_file(${CMAKE_CURRENT_LIST_DIR}/vela.pc.in ${PROJECT_BINARY_DIR}/vela.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/vela.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/vela-config.cmake.in ${PROJECT_BINARY_DIR}/vela-config.cmake
+    INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/vela)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/vela-config-version.cmake COMPATIBILITY SameMajorVersion)
+install(EXPORT vela NAMESPACE vela:: FILE vela-targets.cmake DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/vela)
+install(FILES ${PROJECT_BINARY_DIR}/vela-config.cmake ${PROJECT_BINARY_DIR}/vela-config-version.cmake
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/vela)
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME libvela1)
+set(CPACK_PACKAGE_CONTACT "libvela maintainers <maintainers@vela.example>")
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_STRIP_FILES ON)
+include(CPack)
