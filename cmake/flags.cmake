@@ -16,7 +16,7 @@ endif()
 add_library(vela_rules INTERFACE)
 target_link_libraries(vela_rules INTERFACE vela_warnings vela_sanitizers)
 target_compile_options(vela_rules INTERFACE
-    -fvisibility=hidden -fno-semantic-interposition -ffunction-sections -fdata-sections
+    -ffp-contract=off -fvisibility=hidden -fno-semantic-interposition -ffunction-sections -fdata-sections
     $<$<CONFIG:Release>:-O2>
     $<$<COMPILE_LANGUAGE:CXX>:-fvisibility-inlines-hidden -fno-exceptions -fno-rtti -fno-threadsafe-statics>)
 # 64-bit times and offsets on 32-bit targets too: vl_now is exported, its size is a contract.

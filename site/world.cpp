@@ -30,6 +30,7 @@ namespace
 // The world's own corner: real /proc and /dev, and the upper halves of the overlays.
 constexpr const char *real_proc = "/run/.world/proc";
 constexpr const char *real_dev = "/run/.world/dev";
+constexpr const char *real_sys = "/run/.world/sys";
 constexpr int processes_shown = 1024; // /proc/1 to this one lead to the real ones
 
 [[noreturn]] void give_up(const char *what)
@@ -110,24 +111,38 @@ void restore_directories(const std::vector<kept_directory> &kept)
     }
 }
 
+// Links every entry of a directory, numbers (processes) left out.
+void link_entries(const std::string &from, const std::string &to)
+{
+    DIR *entries = opendir(from.c_str());
+    must(entries != nullptr, from.c_str());
+    while (const dirent *entry = readdir(entries)) {
+        const std::string name = entry->d_name;
+        if (name[0] == '.' || isdigit(static_cast<unsigned char>(name[0]))) continue;
+        link_entry(from + "/" + name, to + "/" + name);
+    }
+    closedir(entries);
+}
+
 void lay_out_proc()
 {
     make_directory(real_proc);
     // A proc of the new process namespace where the host lets us mount one, else the host's.
     if (mount("proc", real_proc, "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) != 0) bind("/proc", real_proc);
     mount_tmpfs("/proc");
-    DIR *entries = opendir(real_proc);
-    must(entries != nullptr, real_proc);
-    while (const dirent *entry = readdir(entries)) {
-        const std::string name = entry->d_name;
-        if (name[0] != '.' && !isdigit(static_cast<unsigned char>(name[0]))) {
-            link_entry(std::string(real_proc) + "/" + name, "/proc/" + name);
-        }
-    }
-    closedir(entries);
+    link_entries(real_proc, "/proc");
     for (int pid = 1; pid <= processes_shown; ++pid) {
         link_entry(std::string(real_proc) + "/" + std::to_string(pid), "/proc/" + std::to_string(pid));
     }
+}
+
+// A sysfs of the new network namespace, whose entries a test can replace.
+void lay_out_sys()
+{
+    make_directory(real_sys);
+    if (mount("sysfs", real_sys, "sysfs", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) != 0) bind("/sys", real_sys);
+    mount_tmpfs("/sys");
+    link_entries(real_sys, "/sys");
 }
 
 void lay_out_dev()
@@ -171,6 +186,7 @@ void lay_out_files()
     const auto kept = keep_directories();
     mount_tmpfs("/run");
     lay_out_proc();
+    lay_out_sys();
     lay_out_dev();
     mount_tmpfs("/tmp", "mode=1777");
     mount_tmpfs("/var/log");

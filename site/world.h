@@ -10,9 +10,10 @@ namespace site
 {
 
 /// Moves this process (a fork of it) into a world of its own: private user (when not root), mount, network, UTS, IPC
-/// and process namespaces; empty /run, /tmp, /var/log; /dev and /proc with their useful entries; writable /etc and
-/// /usr. Returns in the inner process only. The outer one waits and ends with the same status; so does the whole world
-/// when either ends. Call it first, before any thread. Where the host does not allow it, says why and exits with 1.
+/// and process namespaces; empty /run, /tmp, /var/log; /dev, /proc and /sys with their useful entries (links, so that
+/// one can be replaced); writable /etc and /usr. Returns in the inner process only. The outer one waits and ends with
+/// the same status; so does the whole world when either ends. Call it first, before any thread. Where the host does not
+/// allow it, says why and exits with 1.
 void enter_world();
 
 /// Joins a network namespace of its own from within a world (a second device on the same wire).
