@@ -58,7 +58,8 @@ std::vector<log_line> log_lines::take()
         const size_t from = static_cast<size_t>(match.position() + match.length());
         const size_t to = at == end ? rest_.size() : static_cast<size_t>(at->position());
         std::string text = rest_.substr(from, to - from);
-        if (at == end && !text.empty() && text.back() == '\n') text.pop_back();
+        if (at == end && text.ends_with('\0')) text.pop_back();
+        if (at == end && text.ends_with('\n')) text.pop_back();
         lines.push_back({match[1], match[2], match[3], text});
     }
     rest_.clear();
