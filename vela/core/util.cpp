@@ -1,0 +1,363 @@
+// Helpers without state of their own. UTF-8 has its own source, utf8.cpp.
+
+#include <array>
+#include <bit>
+#include <fcntl.h>
+#include <optional>
+#include <vela/core/internal/log.h>
+#include <vela/core/internal/own.h>
+#include <vela/core/internal/text.h>
+#include <vela/core/util.h>
+
+namespace
+{
+
+constexpr const char *log_module = "libvela_util";
+
+constexpr const char *seed_path = "/dev/urandom";
+constexpr std::string_view alphanumerics = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
+constexpr char pattern_separator = '|';
+constexpr size_t config_line_max = 255; // characters of a line that comment_out_lines looks at
+constexpr size_t ipv6_size = 16;
+constexpr int ipv6_bits = 128;
+
+/// Signal names by Linux number.
+constexpr std::array<const char *, 32> signal_names{
+    nullptr,     "SIGHUP",  "SIGINT",    "SIGQUIT", "SIGILL",   "SIGTRAP", "SIGABRT", "SIGBUS",
+    "SIGFPE",    "SIGKILL", "SIGUSR1",   "SIGSEGV", "SIGUSR2",  "SIGPIPE", "SIGALRM", "SIGTERM",
+    "SIGSTKFLT", "SIGCHLD", "SIGCONT",   "SIGSTOP", "SIGTSTP",  "SIGTTIN", "SIGTTOU", "SIGURG",
+    "SIGXCPU",   "SIGXFSZ", "SIGVTALRM", "SIGPROF", "SIGWINCH", "SIGIO",   "SIGPWR",  "SIGSYS"};
+
+// Hexadecimal
+
+enum class digits : char { upper = 'A', lower = 'a' };
+
+constexpr char hex_digit(unsigned value, digits letters)
+{
+    return static_cast<char>(value < 10 ? '0' + value : static_cast<unsigned>(letters) + value - 10);
+}
+
+void write_hex(char *out, uint8_t byte, digits letters)
+{
+    out[0] = hex_digit(byte >> 4, letters);
+    out[1] = hex_digit(byte & 0xFU, letters);
+}
+
+/// Eight digits for four bytes at once: each nibble gets a byte of the word to itself, and what is above nine a letter.
+void write_hex_word(char *out, const uint8_t *bytes, digits letters)
+{
+    constexpr uint64_t ones = 0x0101010101010101;
+    uint32_t four;
+    memcpy(&four, bytes, sizeof four);
+    if (std::endian::native == std::endian::big) four = __builtin_bswap32(four);
+
+    uint64_t spread = four;
+    spread = (spread | spread << 16) & 0x0000FFFF0000FFFF;
+    spread = (spread | spread << 8) & 0x00FF00FF00FF00FF;
+    const uint64_t nibbles = (spread >> 4 & 0x0F * ones) | (spread << 8 & 0x0F * ones);
+    const uint64_t is_letter = (nibbles + 6 * ones) >> 4 & ones;
+    uint64_t text = nibbles + '0' * ones + is_letter * (static_cast<uint64_t>(letters) - '0' - 10);
+
+    if (std::endian::native == std::endian::big) text = __builtin_bswap64(text);
+    memcpy(out, &text, sizeof text);
+}
+
+size_t bytes_to_hex(const uint8_t *bytes, size_t count, char *out, size_t size, digits letters)
+{
+    if (!bytes || !out || size == 0 || count > (size - 1) / 2) return 0;
+    size_t i = 0;
+    for (; count - i >= 4; i += 4) write_hex_word(out + 2 * i, bytes + i, letters);
+    for (; i < count; ++i) write_hex(out + 2 * i, bytes[i], letters);
+    memset(out + 2 * count, '\0', size - 2 * count);
+    return count;
+}
+
+/// Value of a digit; above 15 for any other character.
+constexpr unsigned hex_value(char c)
+{
+    if (vela::is_digit(c)) return static_cast<unsigned>(c - '0');
+    const char letter = vela::lower(c);
+    return letter >= 'a' && letter <= 'f' ? static_cast<unsigned>(letter - 'a') + 10 : 16;
+}
+
+/// The pair at the start of a text that is not empty. What is not two digits is read as scanf reads it, blanks, signs
+/// and all, from a copy: sscanf measures the whole of its text first.
+std::optional<uint8_t> hex_pair(const char *text)
+{
+    const unsigned high = hex_value(text[0]);
+    const unsigned low = high < 16 ? hex_value(text[1]) : 16;
+    if (low < 16) return static_cast<uint8_t>(high << 4 | low);
+
+    while (vela::is_space(*text)) ++text;
+    const char pair[] = {text[0], text[0] == '\0' ? '\0' : text[1], '\0'};
+    unsigned value = 0;
+    if (sscanf(pair, "%2x", &value) != 1) return std::nullopt;
+    return static_cast<uint8_t>(value);
+}
+
+// Random values
+
+void reseed()
+{
+    unsigned seed = 0;
+    const vela::unique_fd random{open(seed_path, O_RDONLY | O_CLOEXEC)};
+    if (!random.ok() || read(random.get(), &seed, sizeof seed) != sizeof seed) {
+        log_trace_as("urandom", "read returned error in urandom");
+    }
+    srand(seed);
+}
+
+uint8_t random_byte() { return static_cast<uint8_t>(rand()); }
+
+// Commenting out
+
+/// One line of a stream, as far as it is looked at.
+struct config_line {
+    std::array<char, config_line_max> bytes;
+    size_t length = 0;
+    bool is_whole = true;
+
+    [[nodiscard]] bool contains(std::string_view pattern) const
+    {
+        return memmem(bytes.data(), length, pattern.data(), pattern.size()) != nullptr;
+    }
+};
+
+/// Reads the next line, its line feed included; of one that is too long, the start, and skips the rest. Goes by what
+/// was read and not by NULs, which may stand anywhere. False at the end.
+bool next_line(FILE *stream, config_line &line)
+{
+    line.length = 0;
+    line.is_whole = true;
+    for (int c; (c = getc(stream)) != EOF;) {
+        if (line.length == line.bytes.size()) {
+            line.is_whole = false;
+        } else {
+            line.bytes[line.length++] = static_cast<char>(c);
+        }
+        if (c == '\n') break;
+    }
+    return line.length != 0;
+}
+
+bool comment_out(FILE *stream, const config_line &line)
+{
+    const auto length = static_cast<off_t>(line.length);
+    return fseeko(stream, -length, SEEK_CUR) == 0 && putc('#', stream) == '#' &&
+           fseeko(stream, length - 1, SEEK_CUR) == 0;
+}
+
+/// Whether every line could be looked at and every line found be written.
+bool comment_out_pattern(FILE *stream, std::string_view pattern)
+{
+    if (fseeko(stream, 0, SEEK_SET) != 0) return false;
+    bool done = true;
+    for (config_line line; next_line(stream, line);) {
+        if (!line.is_whole) {
+            done = false;
+        } else if (line.contains(pattern) && !comment_out(stream, line)) {
+            return false;
+        }
+    }
+    return fflush(stream) == 0 && done;
+}
+
+} // namespace
+
+char *malloc_vprintf(const char *format, va_list args)
+{
+    va_list again;
+    va_copy(again, args);
+    const int length = vsnprintf(nullptr, 0, format, again);
+    va_end(again);
+    if (length < 0) return nullptr;
+
+    const size_t size = static_cast<size_t>(length) + 1;
+    vela::c_string text{static_cast<char *>(malloc(size))};
+    if (text) (void)vsnprintf(text.get(), size, format, args); // measured above
+    return text.release();
+}
+
+char *malloc_printf(const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    char *text = malloc_vprintf(format, args);
+    va_end(args);
+    return text;
+}
+
+int vela_snprintf(const char *module, const char *message, char *buffer, size_t size, const char *format, ...)
+{
+    if (size == 0) {
+        if (message) LIBVELA_LOG(LIBVELA_LOG_ERROR, module, "%s\n", message);
+        return 0;
+    }
+
+    va_list args;
+    va_start(args, format);
+    const int length = vsnprintf(buffer, size, format, args);
+    va_end(args);
+    if (length < 0) {
+        LIBVELA_LOG(LIBVELA_LOG_ERROR, module, "%s failure: %d\n", __func__, length);
+        return 0;
+    }
+    if (static_cast<size_t>(length) < size || !message) return length;
+    LIBVELA_LOG(LIBVELA_LOG_ERROR, module, "%s\n", message);
+    return static_cast<int>(size) - 1; // below length, so it fits
+}
+
+size_t uchar2hex(const uint8_t *bytes, size_t count, char *out, size_t size)
+{
+    return bytes_to_hex(bytes, count, out, size, digits::upper);
+}
+
+size_t uchar2lowerhex(const uint8_t *bytes, size_t count, char *out, size_t size)
+{
+    return bytes_to_hex(bytes, count, out, size, digits::lower);
+}
+
+size_t bin2hex(const uint8_t *bytes, size_t count, char *out, size_t size)
+{
+    if (!bytes || !out || count == 0 || size == 0) return 0;
+    // On purpose: the last byte is not converted.
+    const size_t converted = std::min(count - 1, (size - 1) / 2);
+    if (converted == 0) return 0;
+    bytes_to_hex(bytes, converted, out, 2 * converted + 1, digits::lower);
+    return 2 * converted;
+}
+
+size_t hex2uchar(const char *text, uint8_t *out, size_t size)
+{
+    if (out && size != 0) memset(out, 0, size);
+    if (!text || !out || *text == '\0') return 0;
+
+    for (size_t n = 0; n < size && *text != '\0'; ++n) {
+        const auto byte = hex_pair(text);
+        if (!byte) break;
+        out[n] = *byte;
+        text += text[1] == '\0' ? 1 : 2;
+    }
+    return size;
+}
+
+int strtomac(const char *text, uint8_t mac[6])
+{
+    unsigned fields[6];
+    if (!text || !mac ||
+        sscanf(text, "%02x:%02x:%02x:%02x:%02x:%02x", &fields[0], &fields[1], &fields[2], &fields[3], &fields[4],
+               &fields[5]) != 6) {
+        return -1;
+    }
+    std::copy(std::begin(fields), std::end(fields), mac);
+    return 0;
+}
+
+size_t gen_rand_hex(char *out, size_t size)
+{
+    reseed();
+    if (!out || size % 2 == 0) return 0;
+    const size_t count = (size - 1) / 2;
+    for (size_t i = 0; i < count; ++i) write_hex(out + 2 * i, random_byte(), digits::upper);
+    out[2 * count] = '\0';
+    return count;
+}
+
+size_t gen_rand_bytes(uint8_t *out, size_t count)
+{
+    reseed();
+    if (!out) return 0;
+    std::generate_n(out, count, random_byte);
+    return count;
+}
+
+char *gen_rand_string(char *out, size_t count)
+{
+    reseed();
+    if (!out || count == 0) return nullptr;
+    std::generate_n(out, count, [] { return alphanumerics[static_cast<size_t>(rand()) % alphanumerics.size()]; });
+    out[count] = '\0';
+    return out;
+}
+
+void trim_trailing(char *text, size_t length)
+{
+    if (!text) return;
+    while (length != 0 && vela::is_space(text[length - 1])) text[--length] = '\0';
+}
+
+void strncpy_trim(char *out, size_t size, const char *source)
+{
+    if (!out) return;
+    std::string_view text = vela::view(source);
+    while (!text.empty() && vela::is_space(text.front())) text.remove_prefix(1);
+    // On purpose: white space at the end stays.
+    vela::copy_text(out, size, text);
+}
+
+char *strip_vlan_suffix(char *out, const char *ifname, size_t size)
+{
+    if (!out || size == 0) return out;
+    const std::string_view name = vela::view(ifname);
+    const size_t dot = name.find('.');
+    vela::copy_text(out, size, vela::first(name, dot));
+    if (dot == std::string_view::npos) out[size - 1] = '\0';
+    return out;
+}
+
+int is_ppp_dev(const char *ifname) { return ifname && strncmp(ifname, "ppp", 3) == 0; }
+
+int comment_out_lines(FILE *stream, const char *patterns)
+{
+    if (!stream) return -1;
+    int result = 0;
+    for (std::string_view rest = vela::view(patterns); !rest.empty();) {
+        const auto pattern = vela::first(rest, rest.find(pattern_separator));
+        if (!pattern.empty() && !comment_out_pattern(stream, pattern)) result = -1;
+        rest = vela::after(rest, pattern.size() + 1);
+    }
+    return result;
+}
+
+const char *vl_signame(int number)
+{
+    const auto index = static_cast<size_t>(number);
+    return index < signal_names.size() ? signal_names[index] : nullptr;
+}
+
+int ip_belongs_to_subnet(uint32_t address, uint32_t network, uint32_t mask)
+{
+    return ((address ^ network) & mask) == 0;
+}
+
+uint32_t ipv4_netmask_from_prefix_len(unsigned prefix_len)
+{
+    if (prefix_len > 32) {
+        log_error("invalid subnet mask size of %u", prefix_len);
+        return 0;
+    }
+    return prefix_len == 0 ? 0 : UINT32_MAX << (32 - prefix_len);
+}
+
+unsigned ipv4_prefix_len_from_netmask(uint32_t mask) { return static_cast<unsigned>(std::popcount(mask)); }
+
+void ipv6_netmask_from_prefix_len(uint8_t mask[ipv6_size], int prefix_len)
+{
+    const auto bits = static_cast<size_t>(prefix_len < 0 || prefix_len >= ipv6_bits ? ipv6_bits : prefix_len);
+    memset(mask, 0, ipv6_size);
+    memset(mask, 0xFF, bits / 8);
+    if (bits % 8 != 0) mask[bits / 8] = static_cast<uint8_t>(0xFF00U >> bits % 8);
+}
+
+int net_equals_v6(const uint8_t a[ipv6_size], const uint8_t b[ipv6_size], unsigned prefix_len)
+{
+    if (!a || !b) {
+        log_error("NULL pointer passed");
+        return 0;
+    }
+    uint8_t mask[ipv6_size];
+    ipv6_netmask_from_prefix_len(mask, static_cast<int>(std::min<unsigned>(prefix_len, ipv6_bits)));
+    unsigned differing = 0;
+    for (size_t i = 0; i < ipv6_size; ++i) differing |= (a[i] ^ b[i]) & mask[i];
+    return differing == 0;
+}
