@@ -1,0 +1,61 @@
+// Waiting for a descriptor, bounded by the monotonic clock. poll rather than select: a descriptor may have any number.
+#pragma once
+
+#include <cerrno>
+#include <climits>
+#include <cstdint>
+#include <ctime>
+#include <optional>
+#include <poll.h>
+
+namespace vela
+{
+
+/// Nothing when the clock fails, errno says why.
+inline std::optional<int64_t> monotonic_ns()
+{
+    timespec now = {};
+    if (clock_gettime(CLOCK_MONOTONIC, &now) != 0) return std::nullopt;
+    return int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
+}
+
+/// A moment that a wait must not outlast, however often it is interrupted.
+class deadline
+{
+public:
+    explicit deadline(int32_t seconds) : at_ns_{monotonic_ns().value_or(0) + int64_t{seconds} * 1'000'000'000} {}
+
+    /// What is left, rounded up, as poll takes it; 0 once the moment has come (or the clock is gone).
+    [[nodiscard]] int left_ms() const
+    {
+        const int64_t left_ns = at_ns_ - monotonic_ns().value_or(INT64_MAX);
+        if (left_ns <= 0) return 0;
+        const int64_t left = (left_ns + 999'999) / 1'000'000;
+        return left < INT_MAX ? static_cast<int>(left) : INT_MAX;
+    }
+    [[nodiscard]] bool passed() const { return left_ms() == 0; }
+
+private:
+    int64_t at_ns_;
+};
+
+enum class wait_result { ready, timeout, failed };
+
+/// Waits until the descriptor is ready for `events` (POLLIN, POLLOUT) or has an error or a hang-up to report, which the
+/// call that follows will tell. `failed` leaves errno: EINTR after a signal, EBADF for what is not open.
+inline wait_result wait_for(int fd, short events, const deadline &until)
+{
+    pollfd entry = {fd, events, 0};
+    int ready = 0;
+    do {
+        ready = poll(&entry, 1, until.left_ms());
+    } while (ready == 0 && !until.passed());
+    if (ready > 0 && (entry.revents & POLLNVAL)) {
+        errno = EBADF;
+        return wait_result::failed;
+    }
+    if (ready < 0) return wait_result::failed;
+    return ready == 0 ? wait_result::timeout : wait_result::ready;
+}
+
+} // namespace vela
