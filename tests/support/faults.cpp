@@ -115,6 +115,12 @@ int ftruncate(int fd, off_t length)
     static auto *const next = real<int(int, off_t)>("ftruncate");
     return fault(faults::call::ftruncate).fails() ? -1 : next(fd, length);
 }
+// Built for 64-bit offsets, the library asks for this name.
+int ftruncate64(int fd, off64_t length)
+{
+    static auto *const next = real<int(int, off64_t)>("ftruncate64");
+    return fault(faults::call::ftruncate).fails() ? -1 : next(fd, length);
+}
 int uname(utsname *name)
 {
     static auto *const next = real<int(utsname *)>("uname");
