@@ -55,11 +55,12 @@ void write_map(const char *path, unsigned outside)
     close(fd);
 }
 
-void take_namespaces()
+void take_namespaces(network which)
 {
     const unsigned uid = geteuid();
     const unsigned gid = getegid();
-    const int common = CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWUTS | CLONE_NEWIPC | CLONE_NEWPID;
+    const int common =
+        CLONE_NEWNS | CLONE_NEWUTS | CLONE_NEWIPC | CLONE_NEWPID | (which == network::own ? CLONE_NEWNET : 0);
     if (uid == 0 && unshare(common) == 0) return;
 
     must(unshare(common | CLONE_NEWUSER) == 0, "unshare");
@@ -207,7 +208,10 @@ void pass_on(int signal) { kill(inner, signal); }
         sigaction(signal, &action, nullptr);
     }
     int status = 0;
-    while (waitpid(inner, &status, 0) < 0 && errno == EINTR) {}
+    for (pid_t ended = 0; ended != inner;) { // orphans of the world end here too
+        ended = wait(&status);
+        if (ended < 0 && errno != EINTR) _exit(1);
+    }
     if (WIFSIGNALED(status)) {
         fprintf(stderr, "the world ended by signal %d (%s)\n", WTERMSIG(status), strsignal(WTERMSIG(status)));
         _exit(128 + WTERMSIG(status));
@@ -217,9 +221,9 @@ void pass_on(int signal) { kill(inner, signal); }
 
 } // namespace
 
-void enter_world()
+void enter_world(network which)
 {
-    take_namespaces();
+    take_namespaces(which);
     // The first process of the new namespace ends the world with itself; a second level below it does the work, so
     // that signals keep their default effect there.
     for (int level = 0; level < 2; ++level) {

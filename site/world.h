@@ -14,7 +14,9 @@ namespace site
 /// one can be replaced); writable /etc and /usr. Returns in the inner process only. The outer one waits and ends with
 /// the same status; so does the whole world when either ends. Call it first, before any thread. Where the host does not
 /// allow it, says why and exits with 1.
-void enter_world();
+/// With `network::shared` the interfaces stay those of the caller's network: radios cannot all be moved.
+enum class network { own, shared };
+void enter_world(network which = network::own);
 
 /// Joins a network namespace of its own from within a world (a second device on the same wire).
 void leave_network();
