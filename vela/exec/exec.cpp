@@ -5,7 +5,7 @@
 #include <cstdarg>
 #include <fcntl.h>
 #include <sys/wait.h>
-#include <vela/core/buffer.h>
+#include <vela/core/internal/buffer.h>
 #include <vela/core/internal/log.h>
 #include <vela/core/internal/own.h>
 #include <vela/core/internal/text.h>
@@ -31,7 +31,6 @@ constexpr uint32_t json_output_max = 1024 * 1024; // bytes of a JSON member
 constinit const char *found_wrapper = "";
 
 using record_ptr = std::unique_ptr<exec_record, vela::releaser<exec_destroy>>;
-using buffer_ptr = std::unique_ptr<buffer, vela::releaser<buffer_destroy>>;
 
 struct wrapper_call {
     const char *argv[wrapper_slots];
@@ -89,7 +88,7 @@ const char *locate_syswrapper()
 
 void log_call(const wrapper_call &call)
 {
-    const buffer_ptr line{buffer_create()};
+    const vela::buffer_ptr line{buffer_create()};
     if (!line) out_of_memory_in_child(__LINE__);
     for (size_t i = 0; i <= call.last; ++i) {
         const char *separator = i == call.last ? "" : " ";
