@@ -1,0 +1,378 @@
+// AES without a table that a secret could index: everything is done to the 16 bytes of a block at once, with the
+// compiler's vectors and one operation more, a permute that picks from a table of 16 bytes (after M. Hamburg,
+// "Accelerating AES with Vector Permute Instructions"). Two such tables, one per half of a byte, make any linear map.
+//
+// The S-box inverts in GF(256). Seen as a plane over its subfield GF(16), a byte is i b + k, with i and k from the
+// subfield and b chosen so that its norm and its trace are the same number a. With j = i + k, the inverse of the byte
+// is
+//     c1 / (j + 1 / (1/i + a/k))  +  c2 / (i + 1 / (1/j + a/k))
+// for two constants c1 and c2. That takes reciprocals of half bytes only, hence tables of 16; the last division of each
+// term, what AES does after the inversion and the factors of MixColumns go into the table that is asked last. 1/0 is
+// infinity and 1/infinity is 0: infinity is any number with bit 7, for which a permute gives 0.
+//
+// Between rounds each byte of the block stays split into i (upper half) and k (lower half).
+
+#include <array>
+#include <bit>
+#include <cstring>
+#include <vela/core/internal/aes.h>
+#include <vela/core/internal/secret.h>
+
+#if defined(__x86_64__)
+#include <cpuid.h>
+#elif defined(__ARM_NEON)
+#include <arm_neon.h>
+#endif
+
+namespace
+{
+
+using vela::aes::block_size;
+using vela::aes::engine;
+using vela::aes::rounds_128;
+
+// Arithmetic of GF(256), for the compiler only.
+
+constexpr uint8_t times(uint8_t a, uint8_t b)
+{
+    unsigned product = 0;
+    for (unsigned bit = 0; bit < 8; ++bit) {
+        if (b >> bit & 1) product ^= static_cast<unsigned>(a) << bit;
+    }
+    for (unsigned bit = 14; bit >= 8; --bit) {
+        if (product >> bit & 1) product ^= 0x11bU << (bit - 8);
+    }
+    return static_cast<uint8_t>(product);
+}
+
+constexpr uint8_t power(uint8_t a, unsigned n)
+{
+    if (n == 0) return 1;
+    const uint8_t root = power(times(a, a), n / 2);
+    return n % 2 == 0 ? root : times(root, a);
+}
+
+constexpr uint8_t inverse(uint8_t a) { return power(a, 254); }
+constexpr uint8_t conjugate(uint8_t a) { return power(a, 16); }
+
+constexpr uint8_t sum(uint8_t a, uint8_t b) { return a ^ b; }
+
+template <class Test> constexpr uint8_t first_that(Test test)
+{
+    uint8_t a = 2;
+    while (!test(a)) ++a;
+    return a;
+}
+
+/// Spans the subfield GF(16) with its powers 0 to 3.
+constexpr uint8_t generator = first_that([](uint8_t x) { return conjugate(x) == x && power(x, 4) != x; });
+/// Spans GF(256) over the subfield together with 1: norm and trace are equal.
+constexpr uint8_t b = first_that([](uint8_t x) { return times(x, conjugate(x)) == sum(x, conjugate(x)); });
+constexpr uint8_t a = times(b, conjugate(b));
+
+constexpr uint8_t c2 = times(b, inverse(times(a, a)));
+constexpr uint8_t c1 = sum(1, times(c2, sum(a, 1)));
+
+/// The element of the subfield that a half byte stands for.
+constexpr uint8_t element(unsigned half)
+{
+    uint8_t x = 0;
+    for (unsigned bit = 0; bit < 4; ++bit) {
+        if (half >> bit & 1) x ^= power(generator, bit);
+    }
+    return x;
+}
+
+/// Bytes split into their two halves.
+constexpr auto split_bytes = [] {
+    std::array<uint8_t, 256> split{};
+    for (unsigned i = 0; i < 16; ++i) {
+        for (unsigned k = 0; k < 16; ++k) {
+            split[sum(times(element(i), b), element(k))] = static_cast<uint8_t>(i << 4 | k);
+        }
+    }
+    return split;
+}();
+
+constexpr uint8_t split(uint8_t x) { return split_bytes[x]; }
+constexpr uint8_t whole(uint8_t x) { return x; }
+
+/// The linear part of the S-box's affine map, and its inverse.
+constexpr uint8_t affine(uint8_t x)
+{
+    return x ^ std::rotl(x, 1) ^ std::rotl(x, 2) ^ std::rotl(x, 3) ^ std::rotl(x, 4);
+}
+constexpr uint8_t affine_inverse(uint8_t x) { return std::rotl(x, 1) ^ std::rotl(x, 3) ^ std::rotl(x, 6); }
+constexpr uint8_t affine_constant = 0x63;
+
+constexpr uint8_t split_inverse(uint8_t x) { return split(affine_inverse(x)); }
+
+// Tables.
+
+struct alignas(block_size) table {
+    uint8_t byte[block_size];
+};
+
+template <class Entry> constexpr table table_of(Entry entry)
+{
+    table t{};
+    for (unsigned n = 0; n < block_size; ++n) t.byte[n] = entry(n);
+    return t;
+}
+
+constexpr uint8_t infinity = 0x80;
+constexpr table quotients_of(uint8_t dividend)
+{
+    return table_of([=](unsigned n) { return n == 0 ? infinity : split(times(dividend, inverse(element(n)))); });
+}
+constexpr table reciprocal = quotients_of(1);
+constexpr table a_divided = quotients_of(a);
+
+/// A linear map of bytes: the sum of what it makes of their halves.
+struct linear_map {
+    table low, high;
+};
+template <class Map> constexpr linear_map map_of(Map map)
+{
+    return {table_of([=](unsigned n) { return map(static_cast<uint8_t>(n)); }),
+            table_of([=](unsigned n) { return map(static_cast<uint8_t>(n << 4)); })};
+}
+
+/// What an inversion ends with: both denominators' reciprocals, each under its constant and a linear map.
+struct ending {
+    table first, second;
+};
+template <class Map> constexpr ending ending_with(Map map)
+{
+    return {table_of([=](unsigned n) { return map(times(c1, inverse(element(n)))); }),
+            table_of([=](unsigned n) { return map(times(c2, inverse(element(n)))); })};
+}
+template <uint8_t Factor> constexpr uint8_t split_times(uint8_t x) { return split(times(Factor, affine(x))); }
+template <uint8_t Factor> constexpr uint8_t split_inverse_times(uint8_t x) { return split_inverse(times(Factor, x)); }
+
+/// Where each byte of a block comes from when row r has moved by `shift` times r columns and then, within its column,
+/// each byte has given way to the one `rows` below.
+constexpr table moved(unsigned shift, unsigned rows)
+{
+    return table_of([=](unsigned n) {
+        const unsigned row = (n + rows) % 4;
+        const unsigned column = (n / 4 + shift * row) % 4;
+        return static_cast<uint8_t>(4 * column + row);
+    });
+}
+constexpr unsigned shift_rows = 1;
+constexpr unsigned inverse_shift_rows = 3;
+
+struct encryption_tables {
+    linear_map to_split = map_of(split);
+    ending once = ending_with(split_times<1>);
+    ending twice = ending_with(split_times<2>);
+    ending last = ending_with(affine);
+    table row[4] = {moved(shift_rows, 0), moved(shift_rows, 1), moved(shift_rows, 2), moved(shift_rows, 3)};
+};
+constexpr encryption_tables encryption{};
+
+struct decryption_tables {
+    linear_map to_split = map_of(split_inverse);
+    ending times_14 = ending_with(split_inverse_times<14>);
+    ending times_11 = ending_with(split_inverse_times<11>);
+    ending times_13 = ending_with(split_inverse_times<13>);
+    ending times_9 = ending_with(split_inverse_times<9>);
+    ending last = ending_with(whole);
+    table row[4] = {moved(inverse_shift_rows, 0), moved(inverse_shift_rows, 1), moved(inverse_shift_rows, 2),
+                    moved(inverse_shift_rows, 3)};
+};
+constexpr decryption_tables decryption{};
+
+// Vectors.
+
+typedef uint8_t vector __attribute__((vector_size(block_size)));
+
+inline vector load(const void *from)
+{
+    vector v;
+    memcpy(&v, from, sizeof v);
+    return v;
+}
+inline void store(void *to, vector v) { memcpy(to, &v, sizeof v); }
+inline vector load(const table &t) { return load(t.byte); }
+
+/// Four words as the bytes that they stand for.
+inline vector load_words(const uint32_t *words)
+{
+    uint32_t swapped[4];
+    for (int n = 0; n < 4; ++n) {
+        swapped[n] = std::endian::native == std::endian::little ? __builtin_bswap32(words[n]) : words[n];
+    }
+    return load(swapped);
+}
+
+/// Permutes: byte n of the result is the table's byte at index n, or 0 where the index has bit 7.
+struct by_byte {
+    // The tables fit a cache line: which byte is read does not show there.
+    static vector pick(vector from, vector index)
+    {
+        vector result;
+        for (unsigned n = 0; n < block_size; ++n) result[n] = from[index[n] & 15];
+        return result & ~(vector)(index > 0x7f);
+    }
+};
+
+struct by_instruction {
+#if defined(__x86_64__)
+    static vector pick(vector from, vector index)
+    {
+        asm("pshufb %1, %0" : "+x"(from) : "x"(index)); // SSSE3; all else here is in every x86-64
+        return from;
+    }
+    static bool works()
+    {
+        unsigned eax, ebx, ecx = 0, edx;
+        return __get_cpuid(1, &eax, &ebx, &ecx, &edx) && (ecx & bit_SSSE3);
+    }
+#elif defined(__aarch64__)
+    static vector pick(vector from, vector index) { return (vector)vqtbl1q_u8((uint8x16_t)from, (uint8x16_t)index); }
+    static bool works() { return true; }
+#elif defined(__ARM_NEON)
+    static vector pick(vector from, vector index)
+    {
+        const auto t = (uint8x16_t)from;
+        const auto i = (uint8x16_t)index;
+        const uint8x8x2_t halves = {{vget_low_u8(t), vget_high_u8(t)}};
+        return (vector)vcombine_u8(vtbl2_u8(halves, vget_low_u8(i)), vtbl2_u8(halves, vget_high_u8(i)));
+    }
+    static bool works() { return true; }
+#else
+    static vector pick(vector from, vector index) { return by_byte::pick(from, index); }
+    static bool works() { return false; }
+#endif
+};
+
+template <class Permute> struct cipher {
+    static vector pick(const table &from, vector index) { return Permute::pick(load(from), index); }
+    static vector move(vector block, const table &from) { return Permute::pick(block, load(from)); }
+
+    static vector apply(const linear_map &map, vector v) { return pick(map.low, v & 15) ^ pick(map.high, v >> 4); }
+
+    /// The denominators of the inverse's two terms.
+    struct denominators {
+        vector first, second;
+    };
+    static denominators invert(vector v)
+    {
+        const vector k = v & 15;
+        const vector i = v >> 4;
+        const vector j = i ^ k;
+        const vector a_k = pick(a_divided, k);
+        return {j ^ pick(reciprocal, pick(reciprocal, i) ^ a_k), i ^ pick(reciprocal, pick(reciprocal, j) ^ a_k)};
+    }
+    static vector finish(const ending &e, denominators d) { return pick(e.first, d.first) ^ pick(e.second, d.second); }
+
+    static uint32_t substitute(uint32_t word)
+    {
+        vector bytes = {};
+        memcpy(&bytes, &word, sizeof word); // in any order: each is substituted by itself
+        bytes = finish(encryption.last, invert(apply(encryption.to_split, bytes))) ^ affine_constant;
+        memcpy(&word, &bytes, sizeof word);
+        return word;
+    }
+
+    // Round keys in the form that the rounds take: split, with the S-box's constant where it belongs. MixColumns leaves
+    // the constant as it is.
+
+    static vector encryption_key(const uint32_t *keys, int round, int rounds)
+    {
+        const vector key = load_words(keys + 4 * round);
+        if (round == 0) return apply(encryption.to_split, key);
+        if (round == rounds) return key ^ affine_constant;
+        return apply(encryption.to_split, key ^ affine_constant);
+    }
+    static vector decryption_key(const uint32_t *keys, int round, int rounds)
+    {
+        const vector key = load_words(keys + 4 * round);
+        return round == rounds ? key : apply(decryption.to_split, key ^ affine_constant);
+    }
+
+    template <class KeyOf> static vector encrypt(vector block, int rounds, KeyOf key_of)
+    {
+        vector v = apply(encryption.to_split, block) ^ key_of(0);
+        for (int round = 1; round < rounds; ++round) {
+            const denominators d = invert(v);
+            const vector once = finish(encryption.once, d);
+            const vector twice = finish(encryption.twice, d);
+            v = key_of(round) ^ move(twice, encryption.row[0]) ^ move(once ^ twice, encryption.row[1]) ^
+                move(once, encryption.row[2]) ^ move(once, encryption.row[3]);
+        }
+        return move(finish(encryption.last, invert(v)), encryption.row[0]) ^ key_of(rounds);
+    }
+
+    template <class KeyOf> static vector decrypt(vector block, int rounds, KeyOf key_of)
+    {
+        vector v = apply(decryption.to_split, block) ^ key_of(0);
+        for (int round = 1; round < rounds; ++round) {
+            const denominators d = invert(v);
+            v = key_of(round) ^ move(finish(decryption.times_14, d), decryption.row[0]) ^
+                move(finish(decryption.times_11, d), decryption.row[1]) ^
+                move(finish(decryption.times_13, d), decryption.row[2]) ^
+                move(finish(decryption.times_9, d), decryption.row[3]);
+        }
+        return move(finish(decryption.last, invert(v)), decryption.row[0]) ^ key_of(rounds);
+    }
+
+    static void encrypt_block(const uint32_t *keys, int rounds, const uint8_t *in, uint8_t *out)
+    {
+        store(out, encrypt(load(in), rounds, [=](int round) { return encryption_key(keys, round, rounds); }));
+    }
+
+    static void decrypt_block(const uint32_t *keys, int rounds, const uint8_t *in, uint8_t *out)
+    {
+        store(out, decrypt(load(in), rounds, [=](int round) { return decryption_key(keys, round, rounds); }));
+    }
+
+    using words = uint32_t[4 * (rounds_128 + 1)];
+    using vectors = vector[rounds_128 + 1];
+
+    static void cbc_encrypt(const uint8_t *key, const uint8_t *iv, uint8_t *data, size_t blocks)
+    {
+        vela::secret<words> expanded;
+        vela::aes::expand_key(self, expanded.value, key, 128);
+        vela::secret<vectors> keys;
+        for (int r = 0; r <= rounds_128; ++r) keys.value[r] = encryption_key(expanded.value, r, rounds_128);
+
+        vector chain = load(iv);
+        for (; blocks != 0; --blocks, data += block_size) {
+            chain = encrypt(chain ^ load(data), rounds_128, [&](int round) { return keys.value[round]; });
+            store(data, chain);
+        }
+    }
+
+    static void cbc_decrypt(const uint8_t *key, const uint8_t *iv, uint8_t *data, size_t blocks)
+    {
+        vela::secret<words> expanded;
+        vela::secret<words> inverted;
+        vela::aes::expand_key(self, expanded.value, key, 128);
+        vela::aes::invert_keys(expanded.value, inverted.value, rounds_128);
+        vela::secret<vectors> keys;
+        for (int r = 0; r <= rounds_128; ++r) keys.value[r] = decryption_key(inverted.value, r, rounds_128);
+
+        vector previous = load(iv);
+        for (; blocks != 0; --blocks, data += block_size) {
+            const vector block = load(data);
+            store(data, previous ^ decrypt(block, rounds_128, [&](int round) { return keys.value[round]; }));
+            previous = block;
+        }
+    }
+
+    static constexpr engine self = {substitute, encrypt_block, decrypt_block, cbc_encrypt, cbc_decrypt};
+};
+
+} // namespace
+
+namespace vela::aes
+{
+
+constexpr engine bytewise = cipher<by_byte>::self;
+
+const engine &portable() { return by_instruction::works() ? cipher<by_instruction>::self : bytewise; }
+
+} // namespace vela::aes
