@@ -8,6 +8,7 @@
 #include <cassert>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <vela/config/internal/growing-text.h>
 #include <vela/config/xkv.h>
 #include <vela/core/internal/own.h>
 
@@ -34,30 +35,6 @@ size_t expected_size(int fd)
     if (fstat(fd, &status) < 0 || !S_ISREG(status.st_mode) || status.st_size < 1) return start_size;
     return static_cast<size_t>(status.st_size);
 }
-
-/// A zeroed text that doubles when it is exactly full. One byte more than its capacity is never filled.
-struct growing_text {
-    explicit growing_text(size_t size) : capacity{size}, bytes{static_cast<char *>(calloc(size + 1, 1))}
-    {
-        if (!bytes) vela::out_of_memory("xkv", first_allocation_line);
-    }
-
-    void grow()
-    {
-        size_t doubled = 0;
-        if (__builtin_mul_overflow(capacity, 2, &doubled)) vela::out_of_memory("xkv", growth_line);
-        char *moved = static_cast<char *>(realloc(bytes.get(), doubled + 1));
-        if (!moved) vela::out_of_memory("xkv", growth_line);
-        (void)bytes.release();
-        bytes.reset(moved);
-        memset(moved + capacity, 0, doubled + 1 - capacity);
-        capacity = doubled;
-    }
-
-    size_t capacity;
-    size_t used = 0;
-    vela::c_string bytes;
-};
 
 /// Where the value of a key starts, or null. A null key stands for the place itself.
 const char *find_value(const char *from, const char *key)
@@ -110,13 +87,13 @@ char *xkv_file_to_buff(const char *path)
     const vela::unique_fd file{open(path, O_RDONLY | O_CLOEXEC)};
     if (!file.ok()) return nullptr;
 
-    growing_text text{expected_size(file.get())};
+    // Besides the NUL that ends the text one byte is never filled: the place of a cursor behind the last line.
+    vela::growing_text text{expected_size(file.get()), "xkv", first_allocation_line, growth_line};
     for (;;) {
-        const ssize_t n = read(file.get(), text.bytes.get() + text.used, text.capacity - text.used);
+        const ssize_t n = read(file.get(), text.room(), text.room_size());
         if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return text.bytes.release();
-        text.used += static_cast<size_t>(n);
-        if (text.used == text.capacity) text.grow();
+        if (n <= 0) return text.release();
+        text.took(static_cast<size_t>(n));
     }
 }
 
