@@ -1,0 +1,94 @@
+#include "tests/support/fake_netlink.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <linux/netlink.h>
+#include <memory>
+#include <netlink/socket.h>
+
+namespace
+{
+
+fake_netlink *current = nullptr;
+
+fake_netlink::bytes bytes_of(nl_msg *message)
+{
+    const nlmsghdr *header = nlmsg_hdr(message);
+    const auto *first = reinterpret_cast<const uint8_t *>(header);
+    fake_netlink::bytes datagram(first, first + header->nlmsg_len);
+    nlmsg_free(message);
+    return datagram;
+}
+
+} // namespace
+
+fake_netlink::fake_netlink() : callbacks_{nl_cb_alloc(NL_CB_DEFAULT)}
+{
+    nl_cb_overwrite_send(callbacks_, send);
+    nl_cb_overwrite_recv(callbacks_, receive_next);
+    nl_cb_set(
+        callbacks_, NL_CB_SEQ_CHECK, NL_CB_CUSTOM, [](nl_msg *, void *) { return static_cast<int>(NL_OK); }, nullptr);
+    socket_ = nl_socket_alloc_cb(callbacks_);
+    current = this;
+}
+
+fake_netlink::~fake_netlink()
+{
+    nl_socket_free(socket_);
+    nl_cb_put(callbacks_);
+    current = nullptr;
+}
+
+void fake_netlink::reply(uint8_t command, const std::function<void(nl_msg *)> &attributes, int flags)
+{
+    nl_msg *message = nlmsg_alloc_size(1 << 16);
+    genlmsg_put(message, 0, 0, family(), 0, flags, command, 1);
+    attributes(message);
+    raw(bytes_of(message));
+}
+
+void fake_netlink::refuse(int error, const char *reason)
+{
+    nl_msg *message = nlmsg_alloc();
+    nlmsg_put(message, 0, 0, NLMSG_ERROR, 0, reason ? NLM_F_CAPPED | NLM_F_ACK_TLVS : NLM_F_CAPPED);
+    const nlmsgerr record = {error, {}};
+    nlmsg_append(message, const_cast<nlmsgerr *>(&record), sizeof record, NLMSG_ALIGNTO);
+    if (reason) nla_put_string(message, NLMSGERR_ATTR_MSG, reason);
+    raw(bytes_of(message));
+}
+
+void fake_netlink::end_dump(int error, int flags)
+{
+    nl_msg *message = nlmsg_alloc();
+    nlmsg_put(message, 0, 0, NLMSG_DONE, 0, NLM_F_MULTI | flags);
+    nlmsg_append(message, &error, sizeof error, NLMSG_ALIGNTO);
+    raw(bytes_of(message));
+}
+
+void fake_netlink::raw(bytes datagram)
+{
+    const int size = static_cast<int>(datagram.size());
+    receives_.push_back({size, std::move(datagram)});
+}
+
+void fake_netlink::fail_receive(int code) { receives_.push_back({code, {}}); }
+
+int fake_netlink::send(nl_sock *, nl_msg *message)
+{
+    nlmsg_get(message);
+    current->sent.push_back(bytes_of(message));
+    return current->send_result;
+}
+
+int fake_netlink::receive_next(nl_sock *, sockaddr_nl *from, unsigned char **data, ucred **)
+{
+    if (current->receives_.empty()) return -NLE_AGAIN;
+    const receive next = std::move(current->receives_.front());
+    current->receives_.pop_front();
+    if (next.result <= 0) return next.result;
+    *from = {};
+    from->nl_family = AF_NETLINK;
+    *data = static_cast<unsigned char *>(malloc(next.datagram.size())); // a block of exactly that size
+    memcpy(*data, next.datagram.data(), next.datagram.size());
+    return next.result;
+}

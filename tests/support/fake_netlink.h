@@ -1,0 +1,54 @@
+// A kernel that answers netlink requests as a test tells it, put in place of a libnl socket's sending and receiving.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <netlink/netlink.h>
+//
+#include <netlink/attr.h>
+#include <netlink/genl/genl.h>
+#include <netlink/handlers.h>
+#include <netlink/msg.h>
+#include <vector>
+
+/// One at a time.
+class fake_netlink
+{
+public:
+    using bytes = std::vector<uint8_t>;
+
+    fake_netlink();
+    fake_netlink(const fake_netlink &) = delete;
+    fake_netlink &operator=(const fake_netlink &) = delete;
+    ~fake_netlink();
+
+    [[nodiscard]] nl_cb *callbacks() const { return callbacks_; } ///< borrowed
+    [[nodiscard]] nl_sock *socket() const { return socket_; }     ///< borrowed; made with these callbacks
+
+    // What the next receives give, in order; after them, "nothing there".
+    void reply(uint8_t command, const std::function<void(nl_msg *)> &attributes, int flags = 0);
+    void acknowledge() { refuse(0); }
+    void refuse(int error, const char *reason = nullptr);
+    void end_dump(int error = 0, int flags = 0);
+    void raw(bytes datagram);
+    void fail_receive(int code); ///< a libnl code, negated
+
+    int send_result = 1;     ///< what sending gives
+    std::vector<bytes> sent; ///< the requests so far
+    [[nodiscard]] bool all_read() const { return receives_.empty(); }
+
+    static int family() { return 29; }
+
+private:
+    struct receive {
+        int result;
+        bytes datagram;
+    };
+    static int send(nl_sock *, nl_msg *message);
+    static int receive_next(nl_sock *, sockaddr_nl *from, unsigned char **data, ucred **);
+
+    nl_cb *callbacks_;
+    nl_sock *socket_;
+    std::deque<receive> receives_;
+};
