@@ -26,7 +26,7 @@ const cfg_entry *lookup(const char *function, const cfg_entry *cfg, const char *
         log_error_as(function, "OOM");
         return nullptr;
     }
-    return vela::find_entry(cfg, vela::wanted_key{key});
+    return vela::wanted_key{key}.find_in(cfg);
 }
 
 struct number {

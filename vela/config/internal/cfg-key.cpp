@@ -5,6 +5,8 @@
 namespace
 {
 
+using vela::word;
+
 constexpr int after_every_letter = 256;
 constexpr size_t digits_without_wrap = 9; // numbers of up to nine digits fit 32 bits: equal means the same digits
 
@@ -42,26 +44,58 @@ int compare_numbers(std::string_view a, std::string_view b)
 /// Place of a character among others of which at most one is a digit.
 int rank(char c) { return vela::is_digit(c) ? after_every_letter : static_cast<unsigned char>(vela::lower(c)); }
 
-/// Every byte of a word that is an ASCII capital, in lower case.
-constexpr vela::word lower_bytes(vela::word w)
+constexpr word every_byte(uint8_t b) { return ~word{0} / 0xff * b; }
+constexpr word letter_case = every_byte('a' ^ 'A');
+bool starts_on_word(const char *key) { return reinterpret_cast<uintptr_t>(key) % sizeof(word) == 0; }
+
+__attribute__((no_sanitize("address"))) inline word load(const char *key)
 {
-    using vela::every_byte;
-    const vela::word low_bits = w & every_byte(0x7f);
-    const vela::word from_a = low_bits + every_byte(0x80 - 'A');   // top bit: 'A' or above
-    const vela::word beyond_z = low_bits + every_byte(0x7f - 'Z'); // top bit: above 'Z'
-    const vela::word capitals = from_a & ~beyond_z & ~w & every_byte(0x80);
+    word w;
+    memcpy(&w, __builtin_assume_aligned(key, sizeof w), sizeof w);
+    return w;
+}
+
+/// Every byte of a word that is an ASCII capital, in lower case.
+constexpr word lower_bytes(word w)
+{
+    const word low_bits = w & every_byte(0x7f);
+    const word from_a = low_bits + every_byte(0x80 - 'A');   // top bit: 'A' or above
+    const word beyond_z = low_bits + every_byte(0x7f - 'Z'); // top bit: above 'Z'
+    const word capitals = from_a & ~beyond_z & ~w & every_byte(0x80);
     return w | capitals >> 2; // 0x80 becomes 0x20, the bit between the cases
 }
 static_assert(lower_bytes(0x415a405b) == 0x617a405b && lower_bytes(0xc1da617a) == 0xc1da617a);
 
+/// The first entry whose key pleases.
+template <class Predicate> const cfg_entry *first_of(const cfg_entry *entry, const Predicate &pleases)
+{
+    for (; entry; entry = entry->next) {
+        // Records of one file lie side by side: stepping over them does not wait for each to tell where the next is.
+        for (;; ++entry) {
+            if (pleases(entry->key)) return entry;
+            if (entry->next != entry + 1) break;
+        }
+    }
+    return nullptr;
+}
+
+/// Whether a run of digits is too long for its value to tell it. Such a run covers one of every ten places.
 bool has_long_number(std::string_view text)
 {
-    size_t run = 0;
-    for (const char c : text) {
-        run = vela::is_digit(c) ? run + 1 : 0;
-        if (run > digits_without_wrap) return true;
+    for (size_t i = digits_without_wrap; i < text.size(); i += digits_without_wrap + 1) {
+        if (!vela::is_digit(text[i])) continue;
+        size_t start = i;
+        while (start > 0 && vela::is_digit(text[start - 1])) --start;
+        if (count_digits(&text[start]) > digits_without_wrap) return true;
     }
     return false;
+}
+
+/// The bytes of a word up to one of its places.
+constexpr word bytes_up_to(size_t place)
+{
+    const size_t others = 8 * (sizeof(word) - 1 - place);
+    return std::endian::native == std::endian::little ? ~word{0} >> others : ~word{0} << others;
 }
 
 /// Equal for keys that compare equal.
@@ -135,20 +169,35 @@ vela::wanted_key::wanted_key(const formatted_key &key) : text_{key.c_str()}
     memcpy(words_, text.data(), text.size());
     for (size_t i = 0; i <= last_; ++i) words_[i] = lower_bytes(words_[i]);
 
-    uint8_t mask[sizeof(word)] = {};
-    memset(mask, 0xff, text.size() % sizeof(word) + 1);
-    memcpy(&last_mask_, mask, sizeof mask);
-    first_mask_ = (last_ == 0 ? last_mask_ : ~word{0}) & ~every_byte('a' ^ 'A');
+    last_mask_ = bytes_up_to(text.size() % sizeof(word));
+    first_mask_ = (last_ == 0 ? last_mask_ : ~word{0}) & ~letter_case;
 }
 
-bool vela::wanted_key::equals_by_words(const char *key) const
+// Inlined by force, as most of a lookup's time is spent here.
+__attribute__((always_inline)) inline bool vela::wanted_key::equals_by_words(const char *key) const
 {
     const word *wanted = words_;
-    for (; wanted < words_ + last_; ++wanted, key += sizeof(word)) {
+    for (const word *last = words_ + last_; wanted != last; ++wanted, key += sizeof(word)) {
         const word w = load(key);
-        if (w != *wanted && lower_bytes(w) != *wanted) return false;
+        if (w == *wanted) continue;
+        if (((w ^ *wanted) & ~letter_case) != 0 || lower_bytes(w) != *wanted) return false;
     }
     return ((lower_bytes(load(key)) ^ *wanted) & last_mask_) == 0;
+}
+
+bool vela::wanted_key::equals(const char *key) const
+{
+    if (by_words_ && key && starts_on_word(key)) return equals_by_words(key);
+    return natural_compare(key, text_) == 0;
+}
+
+const cfg_entry *vela::wanted_key::find_in(const cfg_entry *cfg) const
+{
+    if (!by_words_) return first_of(cfg, [this](const char *key) { return natural_compare(key, text_) == 0; });
+    return first_of(cfg, [this, first = words_[0], mask = first_mask_](const char *key) {
+        if (!key || !starts_on_word(key)) return natural_compare(key, text_) == 0;
+        return ((load(key) ^ first) & mask) == 0 && equals_by_words(key);
+    });
 }
 
 vela::key_index::key_index(size_t entries_max)

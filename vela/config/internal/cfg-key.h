@@ -34,8 +34,6 @@ private:
 /// goes on to the end of the word that holds the NUL. Other keys have their last word read whole, too: an aligned word
 /// never reaches into another page.
 using word = uintptr_t;
-constexpr word every_byte(uint8_t b) { return ~word{0} / 0xff * b; }
-inline bool starts_on_word(const char *key) { return reinterpret_cast<uintptr_t>(key) % sizeof(word) == 0; }
 
 /// A key that many others are compared with.
 class wanted_key
@@ -44,21 +42,13 @@ public:
     explicit wanted_key(const formatted_key &key);
 
     /// Whether a key equals it in the natural order.
-    [[nodiscard]] bool equals(const char *key) const
-    {
-        if (!by_words_ || !key || !starts_on_word(key)) return natural_compare(key, text_) == 0;
-        return ((load(key) ^ words_[0]) & first_mask_) == 0 && equals_by_words(key);
-    }
+    [[nodiscard]] bool equals(const char *key) const;
+    /// The first entry with this key, or null.
+    [[nodiscard]] const cfg_entry *find_in(const cfg_entry *cfg) const;
 
 private:
     static constexpr size_t words_max = 16;
 
-    __attribute__((no_sanitize("address"))) static word load(const char *key)
-    {
-        word w;
-        memcpy(&w, __builtin_assume_aligned(key, sizeof w), sizeof w);
-        return w;
-    }
     [[nodiscard]] bool equals_by_words(const char *key) const;
 
     const char *text_;
@@ -68,19 +58,6 @@ private:
     word first_mask_;       ///< what must not differ in the first word, whatever the case of letters
     word words_[words_max]; ///< in lower case
 };
-
-/// The first entry with a key, or null.
-inline const cfg_entry *find_entry(const cfg_entry *entry, const wanted_key &key)
-{
-    for (; entry; entry = entry->next) {
-        // Records of one file lie side by side: stepping over them does not wait for each to tell where the next is.
-        for (;; ++entry) {
-            if (key.equals(entry->key)) return entry;
-            if (entry->next != entry + 1) break;
-        }
-    }
-    return nullptr;
-}
 
 /// The first entry of each key, in a hash table of fixed size. Ends the process when memory runs out.
 class key_index
