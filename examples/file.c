@@ -1,4 +1,4 @@
-/* State files of a daemon: a directory of its own, a counter, a value the kernel tells, and a file for a JSON report. */
+/* State files of a daemon: a directory of its own, a counter, a value of the kernel, a file for a JSON report. */
 #include <stdio.h>
 #include <stdlib.h>
 #include <vela/core/file.h>

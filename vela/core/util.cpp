@@ -1,9 +1,9 @@
-// Helpers without state of their own. UTF-8 has its own source, utf8.cpp.
+// Helpers without state of their own: formatting, random values, trimming, signals, masks. Hexadecimal is in hex.cpp,
+// UTF-8 in utf8.cpp.
 
 #include <array>
 #include <bit>
 #include <fcntl.h>
-#include <optional>
 #include <vela/core/internal/log.h>
 #include <vela/core/internal/own.h>
 #include <vela/core/internal/text.h>
@@ -28,75 +28,6 @@ constexpr std::array<const char *, 32> signal_names{
     "SIGSTKFLT", "SIGCHLD", "SIGCONT",   "SIGSTOP", "SIGTSTP",  "SIGTTIN", "SIGTTOU", "SIGURG",
     "SIGXCPU",   "SIGXFSZ", "SIGVTALRM", "SIGPROF", "SIGWINCH", "SIGIO",   "SIGPWR",  "SIGSYS"};
 
-// Hexadecimal
-
-enum class digits : char { upper = 'A', lower = 'a' };
-
-constexpr char hex_digit(unsigned value, digits letters)
-{
-    return static_cast<char>(value < 10 ? '0' + value : static_cast<unsigned>(letters) + value - 10);
-}
-
-void write_hex(char *out, uint8_t byte, digits letters)
-{
-    out[0] = hex_digit(byte >> 4, letters);
-    out[1] = hex_digit(byte & 0xFU, letters);
-}
-
-/// Eight digits for four bytes at once: each nibble gets a byte of the word to itself, and what is above nine a letter.
-void write_hex_word(char *out, const uint8_t *bytes, digits letters)
-{
-    constexpr uint64_t ones = 0x0101010101010101;
-    uint32_t four;
-    memcpy(&four, bytes, sizeof four);
-    if (std::endian::native == std::endian::big) four = __builtin_bswap32(four);
-
-    uint64_t spread = four;
-    spread = (spread | spread << 16) & 0x0000FFFF0000FFFF;
-    spread = (spread | spread << 8) & 0x00FF00FF00FF00FF;
-    const uint64_t nibbles = (spread >> 4 & 0x0F * ones) | (spread << 8 & 0x0F * ones);
-    const uint64_t is_letter = (nibbles + 6 * ones) >> 4 & ones;
-    uint64_t text = nibbles + '0' * ones + is_letter * (static_cast<uint64_t>(letters) - '0' - 10);
-
-    if (std::endian::native == std::endian::big) text = __builtin_bswap64(text);
-    memcpy(out, &text, sizeof text);
-}
-
-size_t bytes_to_hex(const uint8_t *bytes, size_t count, char *out, size_t size, digits letters)
-{
-    if (!bytes || !out || size == 0 || count > (size - 1) / 2) return 0;
-    size_t i = 0;
-    for (; count - i >= 4; i += 4) write_hex_word(out + 2 * i, bytes + i, letters);
-    for (; i < count; ++i) write_hex(out + 2 * i, bytes[i], letters);
-    memset(out + 2 * count, '\0', size - 2 * count);
-    return count;
-}
-
-/// Value of a digit; above 15 for any other character.
-constexpr unsigned hex_value(char c)
-{
-    if (vela::is_digit(c)) return static_cast<unsigned>(c - '0');
-    const char letter = vela::lower(c);
-    return letter >= 'a' && letter <= 'f' ? static_cast<unsigned>(letter - 'a') + 10 : 16;
-}
-
-/// The pair at the start of a text that is not empty. What is not two digits is read as scanf reads it, blanks, signs
-/// and all, from a copy: sscanf measures the whole of its text first.
-std::optional<uint8_t> hex_pair(const char *text)
-{
-    const unsigned high = hex_value(text[0]);
-    const unsigned low = high < 16 ? hex_value(text[1]) : 16;
-    if (low < 16) return static_cast<uint8_t>(high << 4 | low);
-
-    while (vela::is_space(*text)) ++text;
-    const char pair[] = {text[0], text[0] == '\0' ? '\0' : text[1], '\0'};
-    unsigned value = 0;
-    if (sscanf(pair, "%2x", &value) != 1) return std::nullopt;
-    return static_cast<uint8_t>(value);
-}
-
-// Random values
-
 void reseed()
 {
     unsigned seed = 0;
@@ -108,8 +39,6 @@ void reseed()
 }
 
 uint8_t random_byte() { return static_cast<uint8_t>(rand()); }
-
-// Commenting out
 
 /// One line of a stream, as far as it is looked at.
 struct config_line {
@@ -207,58 +136,16 @@ int vela_snprintf(const char *module, const char *message, char *buffer, size_t 
     return static_cast<int>(size) - 1; // below length, so it fits
 }
 
-size_t uchar2hex(const uint8_t *bytes, size_t count, char *out, size_t size)
-{
-    return bytes_to_hex(bytes, count, out, size, digits::upper);
-}
-
-size_t uchar2lowerhex(const uint8_t *bytes, size_t count, char *out, size_t size)
-{
-    return bytes_to_hex(bytes, count, out, size, digits::lower);
-}
-
-size_t bin2hex(const uint8_t *bytes, size_t count, char *out, size_t size)
-{
-    if (!bytes || !out || count == 0 || size == 0) return 0;
-    // On purpose: the last byte is not converted.
-    const size_t converted = std::min(count - 1, (size - 1) / 2);
-    if (converted == 0) return 0;
-    bytes_to_hex(bytes, converted, out, 2 * converted + 1, digits::lower);
-    return 2 * converted;
-}
-
-size_t hex2uchar(const char *text, uint8_t *out, size_t size)
-{
-    if (out && size != 0) memset(out, 0, size);
-    if (!text || !out || *text == '\0') return 0;
-
-    for (size_t n = 0; n < size && *text != '\0'; ++n) {
-        const auto byte = hex_pair(text);
-        if (!byte) break;
-        out[n] = *byte;
-        text += text[1] == '\0' ? 1 : 2;
-    }
-    return size;
-}
-
-int strtomac(const char *text, uint8_t mac[6])
-{
-    unsigned fields[6];
-    if (!text || !mac ||
-        sscanf(text, "%02x:%02x:%02x:%02x:%02x:%02x", &fields[0], &fields[1], &fields[2], &fields[3], &fields[4],
-               &fields[5]) != 6) {
-        return -1;
-    }
-    std::copy(std::begin(fields), std::end(fields), mac);
-    return 0;
-}
-
 size_t gen_rand_hex(char *out, size_t size)
 {
     reseed();
     if (!out || size % 2 == 0) return 0;
     const size_t count = (size - 1) / 2;
-    for (size_t i = 0; i < count; ++i) write_hex(out + 2 * i, random_byte(), digits::upper);
+    for (size_t i = 0; i < count; ++i) {
+        const uint8_t byte = random_byte();
+        out[2 * i] = alphanumerics[byte >> 4]; // they begin with the hexadecimal digits
+        out[2 * i + 1] = alphanumerics[byte & 0x0FU];
+    }
     out[2 * count] = '\0';
     return count;
 }
@@ -288,7 +175,8 @@ void trim_trailing(char *text, size_t length)
 
 void strncpy_trim(char *out, size_t size, const char *source)
 {
-    if (!out) return;
+    if (!out || size == 0) return;
+    *out = '\0';
     std::string_view text = vela::view(source);
     while (!text.empty() && vela::is_space(text.front())) text.remove_prefix(1);
     // On purpose: white space at the end stays.
