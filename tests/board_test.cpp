@@ -127,6 +127,7 @@ TEST(Board, IdentifiedOnceFromTheDevice)
     free(fresh);
     held.expect_unchanged();
     update_cached_board(nullptr);
+    free(const_cast<board_record *>(board)); // the library would keep it for the life of the process
 }
 
 TEST(Board, FailuresAreLoggedOnceAndKept)

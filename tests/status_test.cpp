@@ -4,14 +4,15 @@
 #include "tests/support/leaks.h"
 #include "tests/support/log_lines.h"
 
-#include <chrono>
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <memory>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vela/board/status.h>
+#include <vela/core/internal/own.h>
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -22,59 +23,32 @@ namespace
 constexpr const char *report_path = "/var/run/report";
 constexpr const char *profile_path = "/var/run/inform-profile.lock";
 
-/// A second process that holds a lock until it is told to let go, by closing its input.
-class holder
+/// A child that sleeps on what it has inherited.
+class heir
 {
 public:
-    explicit holder(const char *path)
+    heir() : pid_{fork()}
     {
-        int up[2], down[2];
-        EXPECT_EQ(0, pipe2(up, O_CLOEXEC) | pipe2(down, O_CLOEXEC));
-        child_ = fork();
-        if (child_ == 0) {
-            close(down[1]);
-            const int fd = open(path, O_RDONLY | O_CLOEXEC);
-            (void)!write(up[1], flock(fd, LOCK_EX) == 0 ? "y" : "n", 1);
-            char byte;
-            (void)!read(down[0], &byte, 1);
-            _exit(0);
-        }
-        close(up[1]);
-        close(down[0]);
-        char locked = 'n';
-        EXPECT_EQ(1, read(up[0], &locked, 1));
-        EXPECT_EQ('y', locked);
-        close(up[0]);
-        release_ = down[1];
+        if (pid_ == 0) _exit(pause());
     }
-    holder(const holder &) = delete;
-    holder &operator=(const holder &) = delete;
-    ~holder()
+    heir(const heir &) = delete;
+    heir &operator=(const heir &) = delete;
+    ~heir()
     {
-        close(release_);
-        waitpid(child_, nullptr, 0);
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
     }
 
 private:
-    pid_t child_ = 0;
-    int release_ = -1;
+    pid_t pid_;
 };
 
-bool another_process_can_lock(const char *path)
-{
-    const pid_t child = fork();
-    if (child == 0) _exit(flock(open(path, O_RDONLY | O_CLOEXEC), LOCK_EX | LOCK_NB) == 0 ? 0 : 1);
-    int status = 0;
-    waitpid(child, &status, 0);
-    return status == 0;
-}
+bool another_process_can_lock(const char *path) { return site::run(std::string("flock -n ") + path + " true") == 0; }
 
 } // namespace
 
 TEST(Status, VersionIsCachedOnceItIsWhole)
 {
-    const std::string long_version(62, 'v');
-    const std::string longer_version(63, 'v');
     const char *text = nullptr;
     const struct {
         const char *version, *build;
@@ -96,8 +70,8 @@ TEST(Status, VersionIsCachedOnceItIsWhole)
         std::string version, build, whole;
     } cases[] = {{"4.1.0", "123", "4.1.0.123"},
                  {"4.1.0", std::string(40, '9'), "4.1.0." + std::string(31, '9')},
-                 {long_version, "1", long_version + "."},
-                 {longer_version + "vvv", "1", longer_version}};
+                 {std::string(62, 'v'), "1", std::string(62, 'v') + "."},
+                 {std::string(66, 'v'), "1", std::string(63, 'v')}};
     for (const auto &c : cases) {
         site::lay_out_device({.version = c.version, .build = c.build});
         EXPECT_EXIT(
@@ -239,14 +213,14 @@ TEST(Status, LocalTime)
         EXPECT_STREQ(c.text, text) << c.seconds;
     }
 
-    char now[80];
+    char before[80], after[80], small[6] = "xxxxx";
+    conv_ts_to_local_time(time(nullptr), before, sizeof before);
     EXPECT_EQ(0, get_system_time_str(text, sizeof text));
-    conv_ts_to_local_time(time(nullptr), now, sizeof now);
-    EXPECT_EQ(std::string(now, 16), std::string(text, 16));
-    char small[6] = "xxxxx";
+    conv_ts_to_local_time(time(nullptr), after, sizeof after);
+    EXPECT_THAT(std::string(text), testing::AllOf(testing::Ge(before), testing::Le(after)));
     EXPECT_EQ(0, get_system_time_str(small, 5));
-    EXPECT_EQ(std::string(now, 4), small);
     EXPECT_EQ(0, get_system_time_str(small, 0));
+    EXPECT_EQ(4U, strlen(small)) << "cut to the size, and a size of 0 writes nothing";
 }
 
 TEST(Status, LocksKeepOtherProcessesOut)
@@ -276,16 +250,9 @@ TEST(Status, LocksKeepOtherProcessesOut)
                     ElementsAre(log_line{"error", "statistics", l.lock_name, "Locking " + path + " twice"}));
         held.expect_unchanged();
 
-        // A child that inherited the open file must not keep the lock alive.
-        const pid_t heir = fork();
-        if (heir == 0) {
-            pause();
-            _exit(0);
-        }
+        const heir child; // has the open file too, and must not keep the lock alive
         EXPECT_EQ(0, l.unlock());
         EXPECT_TRUE(another_process_can_lock(l.path));
-        kill(heir, SIGKILL);
-        waitpid(heir, nullptr, 0);
         EXPECT_FALSE(report_locked());
     }
     EXPECT_THAT(log.take(), IsEmpty());
@@ -307,23 +274,19 @@ TEST(Status, LockGivesUpOrWaits)
     site::remove_file(report_path);
     held.expect_unchanged();
 
-    const auto begin = std::chrono::steady_clock::now();
-    const auto seconds = [&] {
-        return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-    };
     mkdir(report_path, 0755);
-    {
-        const holder other(report_path);
-        EXPECT_EQ(-1, report_lock());
-    }
-    EXPECT_NEAR(11.0, seconds(), 0.9);
+    vela::unique_fd other{open(report_path, O_RDONLY | O_CLOEXEC)};
+    ASSERT_EQ(0, flock(other.get(), LOCK_EX));
+    auto other_process = std::make_unique<heir>();
+    other.reset();
+    const time_t begin = time(nullptr);
+    EXPECT_EQ(-1, report_lock());
+    EXPECT_THAT(time(nullptr) - begin, testing::AllOf(testing::Ge(11), testing::Le(15)));
     EXPECT_THAT(log.take(),
                 ElementsAre(log_line{"error", "statistics", "report_lock", "couldn't lock /var/run/report"}));
 
-    {
-        const faults::refuse busy(faults::call::flock, EWOULDBLOCK, 0, false);
-        EXPECT_EQ(0, report_lock()) << "free at the second try";
-    }
-    EXPECT_NEAR(12.0, seconds(), 1.2);
+    other_process.reset();
+    const faults::refuse busy(faults::call::flock, EWOULDBLOCK, 0, false);
+    EXPECT_EQ(0, report_lock()) << "free at the second try";
     EXPECT_EQ(0, report_unlock());
 }
