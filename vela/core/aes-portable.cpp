@@ -120,7 +120,7 @@ template <class Entry> constexpr table table_of(Entry entry)
     return t;
 }
 
-constexpr uint8_t infinity = 0x80;
+constexpr uint8_t infinity = 0x80; // as an index: a permute gives 0
 constexpr table quotients_of(uint8_t dividend)
 {
     return table_of([=](unsigned n) { return n == 0 ? infinity : split(times(dividend, inverse(element(n)))); });
@@ -160,6 +160,7 @@ constexpr table moved(unsigned shift, unsigned rows)
         return static_cast<uint8_t>(4 * column + row);
     });
 }
+constexpr unsigned in_place = 0;
 constexpr unsigned shift_rows = 1;
 constexpr unsigned inverse_shift_rows = 3;
 
@@ -183,6 +184,22 @@ struct decryption_tables {
                     moved(inverse_shift_rows, 3)};
 };
 constexpr decryption_tables decryption{};
+
+constexpr uint8_t nothing = 0x80; // as an index: a permute gives 0
+
+/// Where each byte comes from when words move up by n places and leave zeroes behind.
+constexpr table words_up(unsigned n)
+{
+    return table_of([=](unsigned i) { return i < 4 * n ? nothing : static_cast<uint8_t>(i - 4 * n); });
+}
+
+struct key_tables {
+    table up_1 = words_up(1);
+    table up_2 = words_up(2);
+    table last_word_rotated = table_of([](unsigned n) { return static_cast<uint8_t>(12 + (n + 1) % 4); });
+    table row[4] = {moved(in_place, 0), moved(in_place, 1), moved(in_place, 2), moved(in_place, 3)};
+};
+constexpr key_tables key_schedule{};
 
 // Vectors.
 
@@ -268,11 +285,16 @@ template <class Permute> struct cipher {
     }
     static vector finish(const ending &e, denominators d) { return pick(e.first, d.first) ^ pick(e.second, d.second); }
 
-    static uint32_t substitute(uint32_t word)
+    static vector substitute(vector bytes)
+    {
+        return finish(encryption.last, invert(apply(encryption.to_split, bytes))) ^ affine_constant;
+    }
+
+    static uint32_t substitute_word(uint32_t word)
     {
         vector bytes = {};
         memcpy(&bytes, &word, sizeof word); // in any order: each is substituted by itself
-        bytes = finish(encryption.last, invert(apply(encryption.to_split, bytes))) ^ affine_constant;
+        bytes = substitute(bytes);
         memcpy(&word, &bytes, sizeof word);
         return word;
     }
@@ -280,16 +302,14 @@ template <class Permute> struct cipher {
     // Round keys in the form that the rounds take: split, with the S-box's constant where it belongs. MixColumns leaves
     // the constant as it is.
 
-    static vector encryption_key(const uint32_t *keys, int round, int rounds)
+    static vector encryption_key(vector key, int round, int rounds)
     {
-        const vector key = load_words(keys + 4 * round);
         if (round == 0) return apply(encryption.to_split, key);
         if (round == rounds) return key ^ affine_constant;
         return apply(encryption.to_split, key ^ affine_constant);
     }
-    static vector decryption_key(const uint32_t *keys, int round, int rounds)
+    static vector decryption_key(vector key, int round, int rounds)
     {
-        const vector key = load_words(keys + 4 * round);
         return round == rounds ? key : apply(decryption.to_split, key ^ affine_constant);
     }
 
@@ -321,49 +341,82 @@ template <class Permute> struct cipher {
 
     static void encrypt_block(const uint32_t *keys, int rounds, const uint8_t *in, uint8_t *out)
     {
-        store(out, encrypt(load(in), rounds, [=](int round) { return encryption_key(keys, round, rounds); }));
+        const auto key_of = [=](int round) { return encryption_key(load_words(keys + 4 * round), round, rounds); };
+        store(out, encrypt(load(in), rounds, key_of));
     }
 
     static void decrypt_block(const uint32_t *keys, int rounds, const uint8_t *in, uint8_t *out)
     {
-        store(out, decrypt(load(in), rounds, [=](int round) { return decryption_key(keys, round, rounds); }));
+        const auto key_of = [=](int round) { return decryption_key(load_words(keys + 4 * round), round, rounds); };
+        store(out, decrypt(load(in), rounds, key_of));
     }
 
-    using words = uint32_t[4 * (rounds_128 + 1)];
-    using vectors = vector[rounds_128 + 1];
+    struct schedule {
+        vector key[rounds_128 + 1];
+    };
+
+    /// The schedule of a 128-bit key, in bytes.
+    static void expand(schedule &s, const uint8_t *key)
+    {
+        vector k = load(key);
+        s.key[0] = k;
+        for (int round = 1; round <= rounds_128; ++round) {
+            const auto c = static_cast<uint8_t>(vela::aes::round_constants[round - 1]);
+            const vector constant = {c, 0, 0, 0, c, 0, 0, 0, c, 0, 0, 0, c, 0, 0, 0};
+            const vector word = substitute(move(k, key_schedule.last_word_rotated)) ^ constant;
+            k ^= move(k, key_schedule.up_1); // each word takes up all before it
+            k ^= move(k, key_schedule.up_2);
+            s.key[round] = k ^= word;
+        }
+    }
+
+    static vector doubled(vector v) { return v << 1 ^ ((vector)(v > 0x7f) & 0x1b); }
+
+    static vector inverse_mix_columns(vector v)
+    {
+        const vector v2 = doubled(v);
+        const vector v4 = doubled(v2);
+        const vector v8 = doubled(v4);
+        const vector v9 = v8 ^ v;
+        return (v8 ^ v4 ^ v2) ^ move(v9 ^ v2, key_schedule.row[1]) ^ move(v9 ^ v4, key_schedule.row[2]) ^
+               move(v9, key_schedule.row[3]);
+    }
 
     static void cbc_encrypt(const uint8_t *key, const uint8_t *iv, uint8_t *data, size_t blocks)
     {
-        vela::secret<words> expanded;
-        vela::aes::expand_key(self, expanded.value, key, 128);
-        vela::secret<vectors> keys;
-        for (int r = 0; r <= rounds_128; ++r) keys.value[r] = encryption_key(expanded.value, r, rounds_128);
+        vela::secret<schedule> s;
+        expand(s.value, key);
+        auto &k = s.value.key;
+        for (int round = 0; round <= rounds_128; ++round) k[round] = encryption_key(k[round], round, rounds_128);
 
         vector chain = load(iv);
         for (; blocks != 0; --blocks, data += block_size) {
-            chain = encrypt(chain ^ load(data), rounds_128, [&](int round) { return keys.value[round]; });
+            chain = encrypt(chain ^ load(data), rounds_128, [&](int round) { return k[round]; });
             store(data, chain);
         }
     }
 
     static void cbc_decrypt(const uint8_t *key, const uint8_t *iv, uint8_t *data, size_t blocks)
     {
-        vela::secret<words> expanded;
-        vela::secret<words> inverted;
-        vela::aes::expand_key(self, expanded.value, key, 128);
-        vela::aes::invert_keys(expanded.value, inverted.value, rounds_128);
-        vela::secret<vectors> keys;
-        for (int r = 0; r <= rounds_128; ++r) keys.value[r] = decryption_key(inverted.value, r, rounds_128);
+        vela::secret<schedule> forward;
+        expand(forward.value, key);
+        vela::secret<schedule> s;
+        auto &k = s.value.key;
+        for (int round = 0; round <= rounds_128; ++round) {
+            const vector from = forward.value.key[rounds_128 - round];
+            const bool outer = round == 0 || round == rounds_128;
+            k[round] = decryption_key(outer ? from : inverse_mix_columns(from), round, rounds_128);
+        }
 
         vector previous = load(iv);
         for (; blocks != 0; --blocks, data += block_size) {
             const vector block = load(data);
-            store(data, previous ^ decrypt(block, rounds_128, [&](int round) { return keys.value[round]; }));
+            store(data, previous ^ decrypt(block, rounds_128, [&](int round) { return k[round]; }));
             previous = block;
         }
     }
 
-    static constexpr engine self = {substitute, encrypt_block, decrypt_block, cbc_encrypt, cbc_decrypt};
+    static constexpr engine self = {substitute_word, encrypt_block, decrypt_block, cbc_encrypt, cbc_decrypt};
 };
 
 } // namespace

@@ -30,22 +30,67 @@ uint32_t value_of(char c) { return values[static_cast<uint8_t>(c)]; }
 
 int size_or_error(uint64_t size) { return size <= INT_MAX ? static_cast<int>(size) : -1; }
 
+// Sixteen letters at once, by arithmetic instead of a table.
+
+#if defined(__SSE2__) || (defined(__ARM_NEON) && defined(__ARMEL__)) || defined(__AARCH64EL__)
+constexpr bool has_vectors = true;
+#else
+constexpr bool has_vectors = false; // then the compiler would take vectors apart
+#endif
+
+typedef uint8_t letters __attribute__((vector_size(16)));
+typedef uint32_t groups __attribute__((vector_size(16)));
+
+constexpr int bytes_per_vector = 12;
+
+inline uint32_t load_group(const uint8_t *in)
+{
+    uint32_t word;
+    memcpy(&word, in, sizeof word);
+    return __builtin_bswap32(word); // three bytes, and one that is not wanted
+}
+
+/// Within a run of the alphabet a letter is its value plus a constant; this is how that changes where a run begins.
+template <const char (&alphabet)[65]> constexpr uint8_t step_at(int value)
+{
+    return static_cast<uint8_t>(alphabet[value] - alphabet[value - 1] - 1);
+}
+
+/// Reads one byte more than it encodes.
+template <const char (&alphabet)[65]> inline void encode_vector(char *out, const uint8_t *in)
+{
+    const groups g = {load_group(in), load_group(in + 3), load_group(in + 6), load_group(in + 9)};
+    const auto v = (letters)(g >> 26 | (g >> 12 & 0x3f00) | (g << 2 & 0x3f0000) | (g << 16 & 0x3f000000));
+    letters text = v + static_cast<uint8_t>(alphabet[0]);
+    text += (letters)(v >= 26) & step_at<alphabet>(26);
+    text += (letters)(v >= 52) & step_at<alphabet>(52);
+    text += (letters)(v >= 62) & step_at<alphabet>(62);
+    text += (letters)(v >= 63) & step_at<alphabet>(63);
+    memcpy(out, &text, sizeof text);
+}
+
 template <const char (&alphabet)[65], bool padded> void encode(char *out, const uint8_t *in, int n)
 {
+    if constexpr (has_vectors) {
+        for (; n > bytes_per_vector; n -= bytes_per_vector) {
+            encode_vector<alphabet>(out, in);
+            in += bytes_per_vector;
+            out += sizeof(letters);
+        }
+    }
     const auto put = [&out](uint32_t bits) { *out++ = alphabet[bits & 63]; };
-
     for (; n >= 3; n -= 3, in += 3) {
-        const uint32_t group = uint32_t{in[0]} << 16 | uint32_t{in[1]} << 8 | in[2];
-        put(group >> 18);
-        put(group >> 12);
-        put(group >> 6);
-        put(group);
+        const uint32_t three = uint32_t{in[0]} << 16 | uint32_t{in[1]} << 8 | in[2];
+        put(three >> 18);
+        put(three >> 12);
+        put(three >> 6);
+        put(three);
     }
     if (n >= 1) {
-        const uint32_t group = uint32_t{in[0]} << 16 | (n == 2 ? uint32_t{in[1]} << 8 : 0);
-        put(group >> 18);
-        put(group >> 12);
-        if (n == 2) put(group >> 6);
+        const uint32_t rest = uint32_t{in[0]} << 16 | (n == 2 ? uint32_t{in[1]} << 8 : 0);
+        put(rest >> 18);
+        put(rest >> 12);
+        if (n == 2) put(rest >> 6);
         if (padded && n == 1) *out++ = '=';
         if (padded) *out++ = '=';
     }
