@@ -43,16 +43,23 @@ bool enlarge(buffer_state &s, uint32_t n)
     return true;
 }
 
-/// Makes the next n bytes of the data area part of the unread ones and returns their place; null when they cannot be
-/// had.
-uint8_t *grow(buffer_state &s, uint32_t n)
+bool has_room(const buffer_state &s, uint32_t n) { return n <= s.allocated - s.write; }
+
+/// Makes the next n bytes of the data area part of the unread ones and returns their place.
+uint8_t *take(buffer_state &s, uint32_t n)
 {
-    if (s.length == 0) s.read = s.write = 0;
-    if (uint64_t{s.write} + n > s.allocated && !enlarge(s, n)) return nullptr;
     uint8_t *tail = s.data + s.write;
     s.write += n;
     s.length += n;
     return tail;
+}
+
+/// The same, with room made for them; null when it cannot be had.
+uint8_t *grow(buffer_state &s, uint32_t n)
+{
+    if (s.length == 0) s.read = s.write = 0;
+    if (!has_room(s, n) && !enlarge(s, n)) return nullptr;
+    return take(s, n);
 }
 
 void consume(buffer_state &s, uint32_t n)
@@ -90,20 +97,23 @@ uint32_t length(const buffer *b) { return b->state->length; }
 
 uint32_t capacity(const buffer *b) { return b->state->allocated; }
 
+/// Appends bytes that may be the buffer's own, under a tail or an area that moves.
+[[gnu::noinline]] uint32_t append_with_growth(buffer_state &s, const void *bytes, uint32_t count)
+{
+    const uintptr_t own_offset = reinterpret_cast<uintptr_t>(bytes) - reinterpret_cast<uintptr_t>(s.data);
+    const bool own = own_offset < s.allocated;
+    uint8_t *tail = grow(s, count);
+    if (!tail) return 0;
+    memmove(tail, own ? s.data + own_offset : bytes, count);
+    return count;
+}
+
 uint32_t append(buffer *b, const void *bytes, uint32_t count)
 {
     if (!bytes || count == 0) return 0;
     buffer_state &s = *b->state;
-    const auto *source = static_cast<const uint8_t *>(bytes);
-    const auto own_offset = reinterpret_cast<uintptr_t>(source) - reinterpret_cast<uintptr_t>(s.data);
-    const bool own = own_offset < s.allocated;
-    uint8_t *tail = grow(s, count);
-    if (!tail) return 0;
-    if (own) {
-        memmove(tail, s.data + own_offset, count); // the area may have moved, the two may overlap
-    } else {
-        memcpy(tail, source, count);
-    }
+    if (s.length == 0 || !has_room(s, count)) return append_with_growth(s, bytes, count);
+    memmove(take(s, count), bytes, count);
     return count;
 }
 

@@ -1,0 +1,67 @@
+// Filling a buffer piece by piece, from empty to 64 KiB, and draining it; std::string does the same with append and
+// clear.
+#include <benchmark/benchmark.h>
+#include <string>
+#include <vela/core/buffer.h>
+
+namespace
+{
+
+constexpr uint32_t filled = 65536;
+
+void append_vela(benchmark::State &state)
+{
+    const auto n = static_cast<uint32_t>(state.range(0));
+    const std::string piece(n, 'x');
+    buffer *b = buffer_create();
+    for (auto _ : state) {
+        for (uint32_t done = 0; done < filled; done += n) b->append(b, piece.data(), n);
+        b->read(b, nullptr, b->length(b));
+        benchmark::DoNotOptimize(b->data(b));
+    }
+    b->destroy(b);
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * filled);
+}
+
+void append_string(benchmark::State &state)
+{
+    const auto n = static_cast<size_t>(state.range(0));
+    const std::string piece(n, 'x');
+    std::string s;
+    for (auto _ : state) {
+        for (size_t done = 0; done < filled; done += n) s.append(piece.data(), n);
+        s.clear();
+        benchmark::DoNotOptimize(s.data());
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * filled);
+}
+
+void grow_vela(benchmark::State &state)
+{
+    const std::string piece(64, 'x');
+    for (auto _ : state) {
+        buffer *b = buffer_create();
+        for (int64_t done = 0; done < state.range(0); done += 64) b->append(b, piece.data(), 64);
+        b->destroy(b);
+    }
+}
+
+void grow_string(benchmark::State &state)
+{
+    const std::string piece(64, 'x');
+    for (auto _ : state) {
+        std::string s;
+        s.reserve(BUFFER_DEFAULT_CAPACITY);
+        for (int64_t done = 0; done < state.range(0); done += 64) s.append(piece.data(), 64);
+        benchmark::DoNotOptimize(s.data());
+    }
+}
+
+} // namespace
+
+BENCHMARK(append_vela)->Arg(8)->Arg(64)->Arg(1024);
+BENCHMARK(append_string)->Arg(8)->Arg(64)->Arg(1024);
+BENCHMARK(grow_vela)->Arg(4096)->Arg(65536)->Arg(1 << 20);
+BENCHMARK(grow_string)->Arg(4096)->Arg(65536)->Arg(1 << 20);
+
+BENCHMARK_MAIN();
