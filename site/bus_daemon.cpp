@@ -1,0 +1,494 @@
+#include "site/bus_daemon.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <list>
+#include <poll.h>
+#include <random>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace site
+{
+
+struct bus_process::record {
+    std::atomic<unsigned> connections;
+    std::atomic<unsigned> requests;
+    char complaint[512];
+};
+
+namespace
+{
+
+constexpr size_t header_size = 12;
+constexpr size_t body_max = 1 << 20;
+constexpr size_t queue_max = 1 << 20; // bytes kept for a client that does not read; what does not fit is dropped
+
+uint32_t be32(std::string_view bytes)
+{
+    uint32_t n = 0;
+    for (int i = 0; i < 4; ++i) n = n << 8 | static_cast<uint8_t>(bytes[static_cast<size_t>(i)]);
+    return n;
+}
+
+template <class T> std::string big_endian(T number)
+{
+    std::string bytes;
+    for (size_t i = sizeof number; i-- > 0;) bytes += static_cast<char>(number >> (8 * i));
+    return bytes;
+}
+
+std::string padded(std::string bytes)
+{
+    bytes.resize((bytes.size() + 3) / 4 * 4);
+    return bytes;
+}
+
+/// Bits 31 to 24 of an attribute's first word, and its payload.
+std::string encode(uint32_t id_bits, std::string_view payload)
+{
+    return padded(big_endian(id_bits << 24 | static_cast<uint32_t>(payload.size() + 4)).append(payload));
+}
+
+std::string hex(std::string_view bytes)
+{
+    std::string text;
+    char digits[4];
+    for (const unsigned char byte : bytes) text.append(digits, static_cast<size_t>(sprintf(digits, "%02x ", byte)));
+    return text;
+}
+
+/// One attribute of a run, taken off its front; none when the run does not begin with a whole one whose padding is
+/// zero.
+struct taken_attribute {
+    uint8_t id_bits;
+    std::string_view payload;
+};
+
+std::optional<taken_attribute> take_attribute(std::string_view &run)
+{
+    if (run.size() < 4) return std::nullopt;
+    const uint32_t word = be32(run);
+    const size_t length = word & 0xffffff;
+    const size_t whole = (length + 3) / 4 * 4;
+    if (length < 4 || whole > run.size()) return std::nullopt;
+    const auto padding = run.substr(length, whole - length);
+    if (padding.find_first_not_of('\0') != std::string_view::npos) return std::nullopt;
+    const taken_attribute a{static_cast<uint8_t>(word >> 24), run.substr(4, length - 4)};
+    run.remove_prefix(whole);
+    return a;
+}
+
+bool is_text(std::string_view payload) { return !payload.empty() && payload.find('\0') == payload.size() - 1; }
+
+bool is_value(const taken_attribute &a, bool named);
+
+bool are_values(std::string_view run, bool named)
+{
+    while (!run.empty()) {
+        const auto a = take_attribute(run);
+        if (!a || !is_value(*a, named)) return false;
+    }
+    return true;
+}
+
+/// Whether it is a value as a careful sender writes it: a name that ends in zeroes, a payload of its type's size.
+bool is_value(const taken_attribute &a, bool named)
+{
+    if ((a.id_bits & 0x80) == 0 || a.payload.size() < 4) return false;
+    const size_t name = static_cast<uint8_t>(a.payload[0]) << 8 | static_cast<uint8_t>(a.payload[1]);
+    const size_t header = (2 + name + 1 + 3) / 4 * 4;
+    if ((name != 0) != named || header > a.payload.size()) return false;
+    if (a.payload.substr(2, header - 2).find('\0') != name) return false;
+    if (a.payload.substr(2 + name, header - 2 - name).find_first_not_of('\0') != std::string_view::npos) return false;
+    const auto payload = a.payload.substr(header);
+    switch (a.id_bits & 0x7f) {
+    case bus::array: return are_values(payload, false);
+    case bus::table: return are_values(payload, true);
+    case bus::string: return is_text(payload);
+    case bus::int64:
+    case bus::float64: return payload.size() == 8;
+    case bus::int32: return payload.size() == 4;
+    case bus::int16: return payload.size() == 2;
+    case bus::int8: return payload.size() == 1;
+    default: return false;
+    }
+}
+
+int listen_at(const std::string &path)
+{
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::filesystem::remove(path);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) < 0 || listen(fd, 16) < 0) {
+        fprintf(stderr, "bus: cannot listen at %s: %s\n", path.c_str(), strerror(errno));
+        abort();
+    }
+    return fd;
+}
+
+/// Ends this process as if from outside: nothing is flushed, nobody is told.
+[[noreturn]] void die()
+{
+    raise(SIGKILL);
+    abort();
+}
+
+} // namespace
+
+namespace bus
+{
+
+std::string attr(uint8_t id, std::string_view payload) { return encode(id, payload); }
+std::string attr(uint8_t id, uint32_t number) { return encode(id, big_endian(number)); }
+std::string text(uint8_t id, std::string_view text) { return encode(id, std::string(text) + '\0'); }
+
+std::string value(uint8_t type, std::string_view name, std::string_view payload)
+{
+    auto header = big_endian(static_cast<uint16_t>(name.size())).append(name) + '\0';
+    return encode(0x80U | type, padded(std::move(header)).append(payload));
+}
+
+std::string int32_value(std::string_view name, uint32_t number) { return value(int32, name, big_endian(number)); }
+std::string int64_value(std::string_view name, uint64_t number) { return value(int64, name, big_endian(number)); }
+
+std::string frame(uint8_t type, uint16_t seq, uint32_t peer, std::string_view body)
+{
+    return std::string{'\0', static_cast<char>(type)} + big_endian(seq) + big_endian(peer) + encode(0, body);
+}
+
+std::string bytes(std::string_view hex)
+{
+    std::string digits;
+    std::copy_if(hex.begin(), hex.end(), std::back_inserter(digits), [](char c) { return c > ' '; });
+    std::string result;
+    for (size_t i = 0; i + 1 < digits.size(); i += 2) {
+        result += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
+    }
+    return result;
+}
+
+} // namespace bus
+
+bus_process::bus_process(std::string path) : path_{std::move(path)}
+{
+    void *const shared = mmap(nullptr, sizeof *record_, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (shared == MAP_FAILED) abort();
+    record_ = new (shared) record{};
+}
+
+bus_process::~bus_process()
+{
+    kill();
+    unlink(path_.c_str());
+    munmap(record_, sizeof *record_);
+}
+
+void bus_process::serve(const std::function<void(int)> &body)
+{
+    kill();
+    const int listener = listen_at(path_);
+    const pid_t parent = getpid();
+    fflush(nullptr);
+    pid_ = fork();
+    if (pid_ == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() != parent) die();
+        // None of the caller's descriptors: they may be connections to the bus, whose end this process would delay.
+        dup2(listener, 3);
+        close_range(4, ~0U, 0);
+        body(3);
+        _exit(0);
+    }
+    close(listener);
+    if (pid_ < 0) abort();
+}
+
+void bus_process::kill()
+{
+    if (pid_ < 0) return;
+    ::kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+    pid_ = -1;
+}
+
+void bus_process::pause()
+{
+    ::kill(pid_, SIGSTOP);
+    waitpid(pid_, nullptr, WUNTRACED);
+}
+
+void bus_process::resume() { ::kill(pid_, SIGCONT); }
+
+std::string bus_process::complaint() const { return record_->complaint; }
+
+namespace
+{
+
+struct object {
+    uint32_t id;
+    uint32_t type;
+    const std::map<std::string, bus_method> *methods;
+
+    [[nodiscard]] std::string signature() const
+    {
+        std::string tables;
+        for (const auto &[name, run] : *methods) tables += bus::value(bus::table, name, {});
+        return tables;
+    }
+};
+
+struct client {
+    int fd = -1;
+    std::string in;
+    std::string out;
+    std::optional<uint16_t> last_seq;
+    bool gone = false;
+};
+
+/// One life of the daemon.
+class life
+{
+public:
+    life(const std::map<std::string, std::map<std::string, bus_method>> &objects,
+         std::function<void(std::string)> complain, std::atomic<unsigned> &connections, std::atomic<unsigned> &requests)
+        : complain_{std::move(complain)}, connections_{connections}, requests_{requests}
+    {
+        for (const auto &[path, methods] : objects) objects_[path] = {fresh_id(), fresh_id(), &methods};
+    }
+
+    [[noreturn]] void run(int listener)
+    {
+        for (;;) {
+            std::vector<pollfd> polled{{listener, POLLIN, 0}};
+            for (const client &c : clients_) {
+                polled.push_back({c.fd, static_cast<short>(c.out.empty() ? POLLIN : POLLIN | POLLOUT), 0});
+            }
+            if (poll(polled.data(), polled.size(), -1) < 0) continue;
+            auto p = polled.begin() + 1;
+            for (client &c : clients_) {
+                if (p->revents & POLLOUT) flush(c);
+                if (p->revents & (POLLIN | POLLHUP)) read_from(c);
+                ++p;
+            }
+            if (polled.front().revents & POLLIN) accept_client(listener);
+            clients_.remove_if([](const client &c) { return c.gone && close(c.fd) == 0; });
+        }
+    }
+
+private:
+    uint32_t fresh_id() { return std::uniform_int_distribution<uint32_t>{1024}(random_); }
+
+    void accept_client(int listener)
+    {
+        const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        if (fd < 0) return;
+        ++connections_;
+        client &c = clients_.emplace_back();
+        c.fd = fd;
+        send_to(c, bus::frame(bus::hello, 0, fresh_id()));
+    }
+
+    void send_to(client &c, const std::string &frame)
+    {
+        if (c.out.size() + frame.size() > queue_max + header_size) return;
+        c.out += frame;
+        flush(c);
+    }
+
+    static void flush(client &c)
+    {
+        const ssize_t n = send(c.fd, c.out.data(), c.out.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n > 0) c.out.erase(0, static_cast<size_t>(n));
+    }
+
+    void read_from(client &c)
+    {
+        char chunk[65536];
+        const ssize_t n = recv(c.fd, chunk, sizeof chunk, MSG_DONTWAIT);
+        if (n < 0 && errno == EAGAIN) return;
+        if (n <= 0) {
+            if (!c.in.empty()) complain_("a connection ended in the middle of a frame: " + hex(c.in));
+            c.gone = true;
+            return;
+        }
+        c.in.append(chunk, static_cast<size_t>(n));
+        while (!c.gone && c.in.size() >= header_size) {
+            const size_t length = be32(std::string_view(c.in).substr(8)) & 0xffffff;
+            if (length < 4 || length > body_max) {
+                complain_("a body of " + std::to_string(length) + " bytes");
+                c.gone = true;
+            }
+            if (c.gone || c.in.size() < 8 + length) return;
+            const std::string frame = c.in.substr(0, 8 + length);
+            c.in.erase(0, 8 + length);
+            handle(c, frame);
+        }
+    }
+
+    void handle(client &c, std::string_view frame)
+    {
+        const auto type = static_cast<uint8_t>(frame[1]);
+        const auto seq = static_cast<uint16_t>(be32(frame) & 0xffff);
+        const uint32_t peer = be32(frame.substr(4));
+        ++requests_;
+        if (frame[0] != 0 || frame[8] != 0 || frame.size() % 4 != 0) complain_("an odd header: " + hex(frame));
+        if (c.last_seq && seq != static_cast<uint16_t>(*c.last_seq + 1)) complain_("a sequence gap: " + hex(frame));
+        c.last_seq = seq;
+
+        // The attributes by id, and their order.
+        std::map<uint8_t, std::string_view> a;
+        std::string order;
+        auto rest = frame.substr(header_size);
+        while (!rest.empty()) {
+            const auto taken = take_attribute(rest);
+            if (!taken) {
+                complain_("a broken attribute: " + hex(frame));
+                break;
+            }
+            a[taken->id_bits] = taken->payload;
+            order += std::to_string(taken->id_bits);
+        }
+        const auto answer_status = [&](uint32_t code) {
+            std::string body = bus::attr(bus::a_status, code);
+            if (type == bus::invoke && a.contains(bus::a_objid)) body += bus::attr(bus::a_objid, a[bus::a_objid]);
+            send_to(c, bus::frame(bus::status, seq, peer, body));
+        };
+
+        switch (type) {
+        case bus::ping:
+            send_to(c, bus::frame(bus::data, seq, peer, frame.substr(header_size)));
+            return answer_status(0);
+        case bus::lookup:
+            if (peer != 0 || (order != "2" && !order.empty())) complain_("an odd lookup: " + hex(frame));
+            if (a.contains(bus::a_objpath) && !is_text(a[bus::a_objpath])) complain_("an odd path: " + hex(frame));
+            return answer_status(look_up(c, seq, a.contains(bus::a_objpath) ? a[bus::a_objpath].data() : "*"));
+        case bus::invoke:
+            if (order != "347" || a[bus::a_objid].size() != 4 || be32(a[bus::a_objid]) != peer ||
+                !is_text(a[bus::a_method]) || !are_values(a[bus::a_data], true)) {
+                complain_("an odd call: " + hex(frame));
+                return answer_status(2);
+            }
+            return answer_status(call(c, seq, peer, a[bus::a_method].data(), a[bus::a_data]));
+        default: complain_("an odd message: " + hex(frame)); return answer_status(1);
+        }
+    }
+
+    uint32_t look_up(client &c, uint16_t seq, std::string_view wanted)
+    {
+        if (wanted.empty()) return 2;
+        uint32_t status = 4;
+        for (const auto &[path, o] : objects_) {
+            const bool prefix = wanted.back() == '*' && path.starts_with(wanted.substr(0, wanted.size() - 1));
+            if (!prefix && path != wanted) continue;
+            send_to(c, bus::frame(bus::data, seq, 0,
+                                  bus::text(bus::a_objpath, path) + bus::attr(bus::a_objid, o.id) +
+                                      bus::attr(bus::a_objtype, o.type) + bus::attr(bus::a_signature, o.signature())));
+            status = 0;
+        }
+        return status;
+    }
+
+    uint32_t call(client &c, uint16_t seq, uint32_t id, const char *method, std::string_view values)
+    {
+        for (const auto &[path, o] : objects_) {
+            if (o.id != id) continue;
+            const auto found = o.methods->find(method);
+            if (found == o.methods->end()) return 3;
+            const bus_reply reply = found->second(values);
+            if (reply.values) {
+                send_to(c, bus::frame(bus::data, seq, id,
+                                      bus::attr(bus::a_objid, id) + bus::attr(bus::a_data, *reply.values)));
+            }
+            return reply.status;
+        }
+        return 4;
+    }
+
+    std::mt19937 random_{std::random_device{}()};
+    std::map<std::string, object> objects_;
+    std::list<client> clients_;
+    std::function<void(std::string)> complain_;
+    std::atomic<unsigned> &connections_;
+    std::atomic<unsigned> &requests_;
+};
+
+/// Keeps the first complaint, as much of it as fits.
+template <size_t N> auto complain_into(char (&place)[N])
+{
+    return [&place](const std::string &text) {
+        if (place[0] == '\0') snprintf(place, N, "%s", text.c_str());
+    };
+}
+
+/// Plays a script to one client, until it ends or the client has gone.
+void play(int fd, const std::vector<bus_script::step> &steps, const std::function<void(std::string)> &complain)
+{
+    using step = bus_script::step;
+    for (const auto &[what, bytes] : steps) {
+        switch (what) {
+        case step::send: send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL); break;
+        case step::crumbs:
+            for (const char crumb : bytes) {
+                send(fd, &crumb, 1, MSG_NOSIGNAL);
+                usleep(200);
+            }
+            break;
+        case step::expect: {
+            std::string got(bytes.size(), '\0');
+            const ssize_t n = recv(fd, got.data(), got.size(), MSG_WAITALL);
+            got.resize(n > 0 ? static_cast<size_t>(n) : 0);
+            if (got != bytes) return complain("expected " + hex(bytes) + "got " + hex(got));
+            break;
+        }
+        case step::hang: {
+            char ignored;
+            while (recv(fd, &ignored, 1, 0) > 0) {}
+            break;
+        }
+        case step::die: die();
+        }
+    }
+}
+
+} // namespace
+
+bus_daemon::bus_daemon(std::string path) : bus_process{std::move(path)} {}
+
+void bus_daemon::offer(std::string name, std::map<std::string, bus_method> methods)
+{
+    objects_[std::move(name)] = std::move(methods);
+}
+
+void bus_daemon::start()
+{
+    serve([this](int listener) {
+        life{objects_, complain_into(record_->complaint), record_->connections, record_->requests}.run(listener);
+    });
+}
+
+unsigned bus_daemon::connections() const { return record_->connections; }
+unsigned bus_daemon::requests() const { return record_->requests; }
+
+bus_script::bus_script(std::string path, std::vector<step> steps) : bus_process{std::move(path)}
+{
+    serve([this, steps = std::move(steps)](int listener) {
+        for (int fd; (fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC)) >= 0; close(fd)) {
+            play(fd, steps, complain_into(record_->complaint));
+        }
+    });
+}
+
+} // namespace site

@@ -1,0 +1,113 @@
+// The system bus of a simulated site. A daemon that keeps to the protocol and complains when a client does not; and a
+// peer that plays given bytes to a client, for everything that a real daemon would do only while it breaks. Each runs
+// in a process of its own, so that it can be killed at any moment. What they send is put together here, byte by byte,
+// by nothing the library uses.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <sys/types.h>
+#include <vector>
+
+namespace site
+{
+
+namespace bus
+{
+
+inline constexpr const char *default_path = "/var/run/ubus/ubus.sock";
+
+enum message : uint8_t { hello, status, data, ping, lookup, invoke };
+enum attribute : uint8_t { a_status = 1, a_objpath, a_objid, a_method, a_objtype, a_signature, a_data };
+enum type : uint8_t { array = 1, table, string, int64, int32, int16, int8, float64 };
+
+// Attributes with their padding. Run together they are the payload of a frame or of a nested one.
+std::string attr(uint8_t id, std::string_view payload);
+std::string attr(uint8_t id, uint32_t number);
+std::string text(uint8_t id, std::string_view text); ///< with its NUL
+
+/// A named value of a message.
+std::string value(uint8_t type, std::string_view name, std::string_view payload);
+std::string int32_value(std::string_view name, uint32_t number);
+std::string int64_value(std::string_view name, uint64_t number);
+
+std::string frame(uint8_t type, uint16_t seq, uint32_t peer, std::string_view body = {});
+
+/// Bytes written as pairs of hexadecimal digits, with blanks where it reads better.
+std::string bytes(std::string_view hex);
+
+} // namespace bus
+
+/// A process that serves a bus socket; killed and its socket file removed with the object.
+class bus_process
+{
+public:
+    bus_process(const bus_process &) = delete;
+    bus_process &operator=(const bus_process &) = delete;
+
+    void kill();  ///< with SIGKILL: its clients read an end of file, the socket file stays behind
+    void pause(); ///< stops it as it stands; clients are accepted by the kernel only
+    void resume();
+
+    /// What the clients did wrong, in words; "" so far nothing.
+    [[nodiscard]] std::string complaint() const;
+
+protected:
+    struct record; // shared with the process
+
+    explicit bus_process(std::string path);
+    ~bus_process();
+    void serve(const std::function<void(int listener)> &body); ///< in a new process, listening before this returns
+
+    std::string path_;
+    record *record_;
+
+private:
+    pid_t pid_ = -1;
+};
+
+/// What a method gives back: a status, and with 0 possibly values.
+struct bus_reply {
+    uint32_t status = 0;
+    std::optional<std::string> values;
+};
+
+/// Takes the values of a call. Runs in the daemon's process.
+using bus_method = std::function<bus_reply(std::string_view values)>;
+
+class bus_daemon : public bus_process
+{
+public:
+    explicit bus_daemon(std::string path = bus::default_path);
+
+    /// An object with its methods; before start().
+    void offer(std::string name, std::map<std::string, bus_method> methods);
+
+    /// Starts it, or another in its place: with new ids, remembering nothing.
+    void start();
+
+    // Counted over all its lives.
+    [[nodiscard]] unsigned connections() const;
+    [[nodiscard]] unsigned requests() const;
+
+private:
+    std::map<std::string, std::map<std::string, bus_method>> objects_;
+};
+
+/// A peer that serves one connection after another by the same script, and goes on to the next when the script ends.
+class bus_script : public bus_process
+{
+public:
+    struct step {
+        enum { send, crumbs, expect, hang, die } what;
+        std::string bytes; ///< crumbs: sent one at a time; expect: awaited, a difference is a complaint
+    };
+
+    bus_script(std::string path, std::vector<step> steps);
+};
+
+} // namespace site

@@ -1,0 +1,377 @@
+// A request waits on the stack of the call that made it, in a list of the context's; whatever arrives meanwhile is
+// handed to the request it answers. So callbacks may make requests of their own, and the loss of the connection ends
+// them all. A frame leaves the context before it is handled: a callback may read the next one. What arrives for a
+// request whose callback is running is kept until that returns, so that callbacks do not pile up.
+
+#include <array>
+#include <cstddef>
+#include <cstdlib>
+#include <libubus.h>
+#include <memory>
+#include <poll.h>
+#include <sys/socket.h>
+#include <utility>
+#include <vela/platform/ubus/transport.h>
+
+namespace
+{
+
+using namespace vela::bus;
+
+constexpr std::array status_texts{
+    "Success",           "Invalid command",   "Invalid argument",
+    "Method not found",  "Not found",         "No response",
+    "Permission denied", "Request timed out", "Operation not supported",
+    "Unknown error",     "Connection failed", "Out of memory",
+    "Parse error",       "System error",
+};
+static_assert(status_texts.size() == UBUS_STATUS_SYSTEM_ERROR + 1);
+
+constexpr int frames_per_event = 256; // then the caller's loop gets its turn: the descriptor stays readable
+
+constexpr size_t kept_max = 4 * body_max; // bytes that may wait for a callback to return
+
+/// Frames in the order they came.
+class frame_queue
+{
+public:
+    frame_queue() = default;
+    frame_queue(const frame_queue &) = delete;
+    frame_queue &operator=(const frame_queue &) = delete;
+    ~frame_queue()
+    {
+        while (first_) pop();
+    }
+
+    [[nodiscard]] bool empty() const { return !first_; }
+    [[nodiscard]] bool push(incoming &frame)
+    {
+        const size_t bytes = sizeof(node) + frame.payload().size();
+        void *const memory = bytes_ + bytes <= kept_max ? malloc(sizeof(node)) : nullptr;
+        if (!memory) return false;
+        *last_ = std::construct_at(static_cast<node *>(memory), std::move(frame));
+        last_ = &(*last_)->next;
+        bytes_ += bytes;
+        return true;
+    }
+    incoming pop()
+    {
+        node *const taken = first_;
+        first_ = taken->next;
+        if (!first_) last_ = &first_;
+        incoming frame = std::move(taken->frame);
+        bytes_ -= sizeof(node) + frame.payload().size();
+        std::destroy_at(taken);
+        free(taken);
+        return frame;
+    }
+
+private:
+    struct node {
+        explicit node(incoming &&f) : frame{std::move(f)} {}
+        incoming frame;
+        node *next = nullptr;
+    };
+    node *first_ = nullptr;
+    node **last_ = &first_;
+    size_t bytes_ = 0;
+};
+
+/// A request that waits for its end.
+struct exchange : ubus_request {
+    void (*take)(exchange &, const attributes &); // what a DATA frame brings
+    ubus_lookup_handler_t found;
+    exchange *older;
+    bool busy; // its callback is running
+    frame_queue kept;
+
+    void end(int status)
+    {
+        status_msg = true;
+        status_code = status;
+    }
+};
+
+struct context : ubus_context {
+    incoming frame;
+    exchange *waiting = nullptr; // the youngest first
+};
+
+context &inside(ubus_context *ctx) { return *static_cast<context *>(ctx); }
+static_assert(offsetof(ubus_context, sock) == 0); // from the descriptor to its context
+
+/// Keeps a request in the list while it lives.
+class enlisted
+{
+public:
+    enlisted(context &c, exchange &e) : context_{c}, exchange_{e}
+    {
+        e.older = c.waiting;
+        c.waiting = &e;
+    }
+    enlisted(const enlisted &) = delete;
+    enlisted &operator=(const enlisted &) = delete;
+    ~enlisted() { context_.waiting = exchange_.older; }
+
+private:
+    context &context_;
+    exchange &exchange_;
+};
+
+/// A body under construction.
+class body_builder
+{
+public:
+    body_builder() { ok_ = blob_buf_init(&buf_, 0) == 0; }
+    body_builder(const body_builder &) = delete;
+    body_builder &operator=(const body_builder &) = delete;
+    ~body_builder() { blob_buf_free(&buf_); }
+
+    void text(attribute_id id, const char *value) { keep(ok_ ? blob_put_string(&buf_, id, value) : nullptr); }
+    void number(attribute_id id, uint32_t value) { keep(ok_ ? blob_put_u32(&buf_, id, value) : nullptr); }
+    void nested(attribute_id id, const blob_attr *value)
+    {
+        const auto length = static_cast<unsigned>(value ? blob_len(value) : 0);
+        keep(ok_ ? blob_put(&buf_, id, value ? blob_data(value) : nullptr, length) : nullptr);
+    }
+
+    [[nodiscard]] bool ok() const { return ok_; }
+    [[nodiscard]] const blob_attr &body() const { return *buf_.head; }
+
+private:
+    void keep(const blob_attr *added) { ok_ = added != nullptr; }
+
+    blob_buf buf_{};
+    bool ok_;
+};
+
+void end_requests(context &c, int status)
+{
+    for (exchange *e = c.waiting; e; e = e->older) {
+        if (!e->status_msg) e->end(status);
+    }
+}
+
+/// Gives a connection up without a word. It stays open and readable, so that whoever watches it learns of the loss.
+void give_up(context &c)
+{
+    c.sock.eof = true;
+    c.frame.forget();
+    if (c.sock.fd >= 0) (void)shutdown(c.sock.fd, SHUT_RDWR); // fails where the other side was first
+}
+
+void lose(context &c)
+{
+    give_up(c);
+    end_requests(c, UBUS_STATUS_CONNECTION_FAILED);
+    if (c.connection_lost) c.connection_lost(&c);
+}
+
+progress send_message(context &c, message type, uint16_t seq, uint32_t peer, const body_builder &body, deadline until)
+{
+    const frame_header header{
+        .version = 0, .type = type, .seq = blob_be16(seq), .peer = blob_be32(peer), .body = body.body().id_len};
+    const auto *const payload = static_cast<const uint8_t *>(blob_data(&body.body()));
+    return send(c.sock.fd, header, {payload, blob_len(&body.body())}, until);
+}
+
+/// This process offers no objects: a call that reaches it all the same is told so.
+void answer_call(context &c, const frame_header &call, const attributes &a)
+{
+    if (a[attr_no_reply] && blob_get_u8(a[attr_no_reply]) != 0) return;
+    body_builder body;
+    body.number(attr_status, a[attr_objid] ? UBUS_STATUS_NOT_FOUND : UBUS_STATUS_INVALID_ARGUMENT);
+    if (a[attr_objid]) body.number(attr_objid, blob_get_u32(a[attr_objid]));
+    if (!body.ok()) return;
+    const auto sent =
+        send_message(c, message::status, blob_be16(call.seq), blob_be32(call.peer), body, deadline::after(stall_ms));
+    if (sent == progress::broken) lose(c);
+}
+
+exchange *request_of(const context &c, const frame_header &answer)
+{
+    for (exchange *e = c.waiting; e; e = e->older) {
+        const bool matches = e->seq == blob_be16(answer.seq) && e->peer == blob_be32(answer.peer);
+        if (matches && !e->status_msg) return e;
+    }
+    return nullptr;
+}
+
+/// Hands a part of an answer to its request. False when it can neither be taken nor kept.
+bool deliver(exchange &e, incoming &frame)
+{
+    if (e.busy) return e.kept.push(frame);
+    e.busy = true;
+    e.take(e, parse(frame.payload()));
+    while (!e.kept.empty()) e.take(e, parse(e.kept.pop().payload()));
+    e.busy = false;
+    return true;
+}
+
+void handle(context &c, incoming &frame)
+{
+    if (frame.header.type == message::invoke) {
+        answer_call(c, frame.header, parse(frame.payload()));
+        return;
+    }
+    exchange *const e = request_of(c, frame.header);
+    if (!e) return; // an answer that came too late, or a notice nobody here asked for
+    if (frame.header.type == message::data && !deliver(*e, frame)) lose(c);
+    if (frame.header.type == message::status) {
+        const blob_attr *const status = parse(frame.payload())[attr_status];
+        e->end(status ? static_cast<int>(blob_get_u32(status)) : UBUS_STATUS_PARSE_ERROR);
+    }
+}
+
+/// Handles one frame, or the loss of the connection.
+progress handle_next(context &c)
+{
+    const progress got = c.sock.eof ? progress::broken : c.frame.receive(c.sock.fd);
+    if (got == progress::broken) lose(c);
+    if (got == progress::done) {
+        incoming frame = std::move(c.frame);
+        c.frame.forget();
+        handle(c, frame);
+    }
+    return got;
+}
+
+void on_event(uloop_fd *sock, unsigned int /*events*/)
+{
+    context &c = inside(reinterpret_cast<ubus_context *>(sock));
+    for (int i = 0; i < frames_per_event; ++i) {
+        if (handle_next(c) != progress::done) return;
+    }
+}
+
+/// Sends a request and handles what arrives until its status has come.
+int perform(context &c, message type, const body_builder &body, exchange &e, deadline until)
+{
+    if (c.sock.fd < 0 || c.sock.eof) return UBUS_STATUS_INVALID_ARGUMENT;
+    if (!body.ok()) return UBUS_STATUS_NO_MEMORY;
+    if (blob_raw_len(&body.body()) > body_max) return UBUS_STATUS_INVALID_ARGUMENT;
+
+    e.ctx = &c;
+    e.seq = ++c.request_seq;
+    const enlisted here{c, e};
+    const progress sent = send_message(c, type, e.seq, e.peer, body, until);
+    if (sent == progress::nothing_yet) return UBUS_STATUS_TIMEOUT;
+    if (sent == progress::broken) {
+        give_up(c);
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    }
+    while (!e.status_msg) {
+        if (until.passed()) return UBUS_STATUS_TIMEOUT;
+        if (handle_next(c) != progress::nothing_yet) continue;
+        const deadline patience = c.frame.begun() ? deadline::earlier(until, deadline::after(stall_ms)) : until;
+        if (!wait_for(c.sock.fd, POLLIN, patience) && !until.passed()) lose(c);
+    }
+    return e.status_code;
+}
+
+void take_object(exchange &e, const attributes &a)
+{
+    if (!e.found || !a[attr_objid] || !a[attr_objpath] || !a[attr_objtype]) return;
+    ubus_object_data object{
+        .id = blob_get_u32(a[attr_objid]),
+        .type_id = blob_get_u32(a[attr_objtype]),
+        .path = static_cast<const char *>(blob_data(a[attr_objpath])),
+        .signature = a[attr_signature],
+    };
+    e.found(e.ctx, &object, e.priv);
+}
+
+void take_id(exchange &e, const attributes &a)
+{
+    if (a[attr_objid]) *static_cast<uint32_t *>(e.priv) = blob_get_u32(a[attr_objid]);
+}
+
+void take_reply(exchange &e, const attributes &a)
+{
+    if (e.data_cb && a[attr_data]) e.data_cb(&e, static_cast<int>(message::data), a[attr_data]);
+}
+
+int look_up(ubus_context *ctx, const char *path, exchange &e)
+{
+    body_builder body;
+    if (path) body.text(attr_objpath, path);
+    return perform(inside(ctx), message::lookup, body, e, deadline::after(answer_ms));
+}
+
+} // namespace
+
+ubus_context *ubus_connect(const char *path)
+{
+    vela::unique_fd fd;
+    uint32_t local_id = 0;
+    if (open_connection(path, fd, local_id) != UBUS_STATUS_OK) return nullptr;
+
+    void *const memory = malloc(sizeof(context));
+    if (!memory) return nullptr;
+    auto *const c = std::construct_at(static_cast<context *>(memory));
+    c->sock.cb = on_event;
+    c->sock.fd = fd.release();
+    c->local_id = local_id;
+    return c;
+}
+
+int ubus_reconnect(ubus_context *ctx, const char *path)
+{
+    context &c = inside(ctx);
+    end_requests(c, UBUS_STATUS_CONNECTION_FAILED);
+    vela::unique_fd fd{std::exchange(c.sock.fd, -1)};
+    fd.reset();
+    c.frame.forget();
+    c.sock.eof = c.sock.error = c.sock.registered = false;
+    const int status = open_connection(path, fd, c.local_id);
+    c.sock.fd = fd.release();
+    return status;
+}
+
+void ubus_free(ubus_context *ctx)
+{
+    if (!ctx) return;
+    context &c = inside(ctx);
+    const vela::unique_fd fd{c.sock.fd};
+    std::destroy_at(&c);
+    free(ctx);
+}
+
+int ubus_lookup(ubus_context *ctx, const char *path, ubus_lookup_handler_t cb, void *priv)
+{
+    exchange e{};
+    e.take = take_object;
+    e.found = cb;
+    e.priv = priv;
+    return look_up(ctx, path, e);
+}
+
+int ubus_lookup_id(ubus_context *ctx, const char *path, uint32_t *id)
+{
+    exchange e{};
+    e.take = take_id;
+    e.priv = id;
+    return look_up(ctx, path, e);
+}
+
+int ubus_invoke(ubus_context *ctx, uint32_t obj, const char *method, blob_attr *msg, ubus_data_handler_t cb, void *priv,
+                int timeout_ms)
+{
+    exchange e{};
+    e.take = take_reply;
+    e.data_cb = cb;
+    e.priv = priv;
+    e.peer = obj;
+    body_builder body;
+    body.number(attr_objid, obj);
+    body.text(attr_method, method);
+    body.nested(attr_data, msg);
+    return perform(inside(ctx), message::invoke, body, e,
+                   timeout_ms > 0 ? deadline::after(timeout_ms) : deadline::never());
+}
+
+const char *ubus_strerror(int error)
+{
+    return error >= 0 && static_cast<size_t>(error) < status_texts.size() ? status_texts[static_cast<size_t>(error)]
+                                                                          : "Unknown error";
+}

@@ -1,0 +1,161 @@
+// The socket is non-blocking once it is connected, and every wait is a poll with what is left of its time.
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <libubus.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <vela/core/internal/text.h>
+#include <vela/platform/ubus/transport.h>
+
+namespace vela::bus
+{
+
+namespace
+{
+
+constexpr const char *default_path = "/var/run/ubus/ubus.sock";
+constexpr uint32_t private_channel = 1; // peers above it are connections
+
+bool would_block() { return errno == EAGAIN || errno == EWOULDBLOCK; }
+
+/// Connects within the time given. A full backlog makes connect wait, and poll cannot wait for it; a send timeout can.
+bool connect_within(int fd, const sockaddr_un &address, deadline until)
+{
+    do {
+        const int64_t left = std::max<int64_t>(until.left_ns(), 1000); // a timeout of 0 would be none
+        const timeval limit{.tv_sec = static_cast<time_t>(left / 1'000'000'000),
+                            .tv_usec = static_cast<suseconds_t>(left % 1'000'000'000 / 1000)};
+        if (setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) < 0) return false;
+        if (connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0) return true;
+    } while (errno == EINTR && !until.passed());
+    return false;
+}
+
+bool take_greeting(int fd, uint32_t &local_id, deadline until)
+{
+    incoming hello;
+    progress got = progress::nothing_yet;
+    while (got == progress::nothing_yet && wait_for(fd, POLLIN, until)) got = hello.receive(fd);
+    if (got != progress::done || hello.header.type != message::hello || !hello.payload().empty()) return false;
+    if (blob_be32(hello.header.peer) <= private_channel) return false;
+    local_id = hello.header.peer; // in the byte order of the wire, as libubus keeps it
+    return true;
+}
+
+} // namespace
+
+int64_t deadline::now_ns()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
+}
+
+int64_t deadline::left_ns() const
+{
+    const int64_t now = now_ns();
+    return now < ns_ ? ns_ - now : 0;
+}
+
+bool wait_for(int fd, short events, deadline until)
+{
+    pollfd p{.fd = fd, .events = events, .revents = 0};
+    int ready = 0;
+    do {
+        const int64_t left = until.left_ns();
+        const timespec limit{.tv_sec = static_cast<time_t>(left / 1'000'000'000),
+                             .tv_nsec = static_cast<long>(left % 1'000'000'000)};
+        ready = ppoll(&p, 1, &limit, nullptr);
+    } while (ready < 0 && errno == EINTR);
+    return ready != 0; // an error shows again, in words, when the descriptor is used
+}
+
+void incoming::forget()
+{
+    body_.reset();
+    received_ = 0;
+}
+
+std::span<uint8_t> incoming::missing()
+{
+    if (received_ < sizeof header) {
+        return {reinterpret_cast<uint8_t *>(&header) + received_, sizeof header - received_};
+    }
+    const size_t taken = received_ - sizeof header;
+    return {body_.get() + taken, payload().size() - taken};
+}
+
+bool incoming::accept_header()
+{
+    const size_t length = body_length(header);
+    if (header.version != 0 || length < sizeof header.body || length > body_max || length % BLOB_ATTR_ALIGN != 0) {
+        return false;
+    }
+    if (payload().empty()) return true;
+    body_.reset(static_cast<uint8_t *>(malloc(payload().size())));
+    return body_ != nullptr;
+}
+
+progress incoming::receive(int fd)
+{
+    for (auto rest = missing(); !rest.empty(); rest = missing()) {
+        const ssize_t n = recv(fd, rest.data(), rest.size(), MSG_DONTWAIT);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0 && would_block()) return progress::nothing_yet;
+        if (n <= 0) return progress::broken;
+        received_ += static_cast<size_t>(n);
+        if (received_ == sizeof header && !accept_header()) return progress::broken;
+    }
+    return progress::done;
+}
+
+progress send(int fd, frame_header header, std::span<const uint8_t> payload, deadline until)
+{
+    const size_t total = sizeof header + payload.size();
+    size_t sent = 0;
+    while (sent < total) {
+        const size_t of_header = std::min(sent, sizeof header);
+        const size_t of_payload = sent - of_header;
+        iovec parts[] = {
+            {reinterpret_cast<uint8_t *>(&header) + of_header, sizeof header - of_header},
+            {const_cast<uint8_t *>(payload.data()) + of_payload, payload.size() - of_payload},
+        };
+        msghdr m{};
+        m.msg_iov = parts;
+        m.msg_iovlen = std::size(parts);
+        const ssize_t n = sendmsg(fd, &m, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n >= 0) {
+            sent += static_cast<size_t>(n);
+            continue;
+        }
+        if (errno == EINTR) continue;
+        if (!would_block()) return progress::broken;
+        const deadline patience = deadline::earlier(until, deadline::after(stall_ms));
+        if (!wait_for(fd, POLLOUT, patience)) return sent == 0 ? progress::nothing_yet : progress::broken;
+    }
+    return progress::done;
+}
+
+int open_connection(const char *path, unique_fd &connection, uint32_t &local_id)
+{
+    const std::string_view name = path ? path : default_path;
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (name.size() >= sizeof address.sun_path) return UBUS_STATUS_CONNECTION_FAILED;
+    copy_text(address.sun_path, name);
+
+    const deadline until = deadline::after(greeting_ms);
+    unique_fd fd{socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+    if (!fd.ok() || !connect_within(fd.get(), address, until)) return UBUS_STATUS_CONNECTION_FAILED;
+    if (fcntl(fd.get(), F_SETFL, O_NONBLOCK) < 0) return UBUS_STATUS_CONNECTION_FAILED;
+    if (!take_greeting(fd.get(), local_id, until)) return UBUS_STATUS_UNKNOWN_ERROR;
+    connection = std::move(fd);
+    return UBUS_STATUS_OK;
+}
+
+} // namespace vela::bus
