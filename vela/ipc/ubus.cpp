@@ -1,0 +1,343 @@
+// A record is connected (context and read event), waiting (timer, no read event) or closed. The loss of a connection
+// makes it wait, a successful attempt connects it again; the library below is given no event loop of its own.
+//
+// Callbacks of the user's run in the middle of most functions here and may close any record. So closing only marks and
+// sets aside; the outermost call of ours sweeps what was closed, with its context, when it ends.
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstddef>
+#include <event2/event.h>
+#include <libubus.h>
+#include <vela/core/internal/log.h>
+#include <vela/core/internal/memory.h>
+#include <vela/ipc/ubus.h>
+
+namespace
+{
+
+constexpr const char *log_module = "libvela_ubus";
+constexpr timeval reconnect_interval{1, 0};
+
+static_assert(offsetof(vela_ubus_interface_t, base) == 0);
+static_assert(offsetof(vela_ubus_interface_t, on_connect) < offsetof(vela_ubus_interface_t, on_close));
+static_assert(offsetof(vela_ubus_interface_t, on_close) < offsetof(vela_ubus_interface_t, link));
+
+using interface = vela_ubus_interface_t;
+
+/// Every record, in the order of creation. Emptied by vela_ubus_init, which also sets the flag.
+constinit vela_ubus_links records{&records, &records};
+constinit bool initialised = false;
+/// Closed records, and the calls under way that may still use them; the last of these empties the list.
+constinit vela_ubus_links closed_records{&closed_records, &closed_records};
+constinit unsigned calls = 0;
+
+interface &owner(vela_ubus_links *link)
+{
+    return *reinterpret_cast<interface *>(reinterpret_cast<char *>(link) - offsetof(interface, link));
+}
+
+void link_before(vela_ubus_links &place, vela_ubus_links &link)
+{
+    link = {&place, place.prev};
+    link.prev->next = &link;
+    place.prev = &link;
+}
+
+void unlink(vela_ubus_links &link)
+{
+    if (!link.next) return; // in no list
+    link.prev->next = link.next;
+    link.next->prev = link.prev;
+    link = {};
+}
+
+void release(interface &iface)
+{
+    unlink(iface.link);
+    const vela::heap<interface> record{&iface};
+    if (record->ctx) ubus_free(record->ctx);
+}
+
+/// While it lives, no record goes away, closed or not.
+class call
+{
+public:
+    call() { ++calls; }
+    call(const call &) = delete;
+    call &operator=(const call &) = delete;
+    ~call()
+    {
+        if (--calls != 0) return;
+        while (closed_records.next != &closed_records) release(owner(closed_records.next));
+    }
+};
+
+/// libubus takes these signals for a loop of its own when it connects; they are the program's.
+class signal_keeper
+{
+public:
+    signal_keeper()
+    {
+        for (size_t i = 0; i < signals.size(); ++i) (void)sigaction(signals[i], nullptr, &saved_[i]);
+    }
+    signal_keeper(const signal_keeper &) = delete;
+    signal_keeper &operator=(const signal_keeper &) = delete;
+    ~signal_keeper()
+    {
+        for (size_t i = 0; i < signals.size(); ++i) (void)sigaction(signals[i], &saved_[i], nullptr);
+    }
+
+private:
+    static constexpr std::array signals{SIGINT, SIGTERM, SIGCHLD, SIGPIPE};
+    std::array<struct sigaction, signals.size()> saved_{};
+};
+
+/// libubus writes without MSG_NOSIGNAL: a daemon that died must not end the program.
+class pipe_signal_blocker
+{
+public:
+    pipe_signal_blocker()
+    {
+        sigemptyset(&pipe_);
+        sigaddset(&pipe_, SIGPIPE);
+        was_pending_ = pending();
+        (void)pthread_sigmask(SIG_BLOCK, &pipe_, &saved_);
+    }
+    pipe_signal_blocker(const pipe_signal_blocker &) = delete;
+    pipe_signal_blocker &operator=(const pipe_signal_blocker &) = delete;
+    ~pipe_signal_blocker()
+    {
+        constexpr timespec at_once{};
+        if (!was_pending_ && pending()) (void)sigtimedwait(&pipe_, nullptr, &at_once);
+        (void)pthread_sigmask(SIG_SETMASK, &saved_, nullptr);
+    }
+
+private:
+    static bool pending()
+    {
+        sigset_t set;
+        return sigpending(&set) == 0 && sigismember(&set, SIGPIPE) == 1;
+    }
+
+    sigset_t pipe_{};
+    sigset_t saved_{};
+    bool was_pending_;
+};
+
+void release_event(event *&e)
+{
+    if (e) event_free(e); // which libevent does not accept without one
+    e = nullptr;
+}
+
+/// Handles what has arrived on the bus.
+void handle_messages(interface &iface)
+{
+    const pipe_signal_blocker quiet;
+    iface.ctx->sock.cb(&iface.ctx->sock, ULOOP_READ);
+}
+
+void on_readable(evutil_socket_t /*fd*/, short /*what*/, void *arg)
+{
+    auto &iface = *static_cast<interface *>(arg);
+    const call here;
+    handle_messages(iface);
+    // A record that nobody restarts must not keep the loop busy: the end of a connection stays readable.
+    if (iface.ctx->sock.eof) release_event(iface.read_event);
+}
+
+bool watch(interface &iface)
+{
+    iface.read_event = event_new(iface.base, iface.ctx->sock.fd, EV_READ | EV_PERSIST, on_readable, &iface);
+    if (!iface.read_event) return false;
+    if (event_add(iface.read_event, nullptr) == 0) return true;
+    release_event(iface.read_event);
+    return false;
+}
+
+void u_reconnect_timeout(evutil_socket_t fd, short what, void *arg);
+
+void arm(interface &iface)
+{
+    if (iface.timer && event_pending(iface.timer, EV_TIMEOUT, nullptr)) return; // a second from the first loss
+    if (!iface.timer) iface.timer = event_new(iface.base, -1, 0, u_reconnect_timeout, &iface);
+    if (!iface.timer || event_add(iface.timer, &reconnect_interval) < 0) log_error("failed to arm the reconnect timer");
+}
+
+void restart(interface &iface)
+{
+    release_event(iface.read_event); // first: its descriptor stays readable until it is replaced
+    arm(iface);
+}
+
+/// Called by the bus library, also in the middle of a request and more than once for one loss.
+void u_connection_lost(ubus_context *ctx)
+{
+    log_warn("ubus connection lost, reconnecting...");
+    if (!initialised) return;
+    for (vela_ubus_links *link = records.next; link != &records; link = link->next) {
+        interface &iface = owner(link);
+        if (!ctx || iface.ctx == ctx) restart(iface);
+    }
+}
+
+int find(interface &iface, const char *name)
+{
+    const call here;
+    uint32_t id = 0; // stays 0 where the daemon shows nothing of the object to this process
+    int status;
+    {
+        const pipe_signal_blocker quiet;
+        status = ubus_lookup_id(iface.ctx, name, &id);
+    }
+    // Calls to us that came meanwhile wait inside libubus for a loop that it does not have.
+    if (iface.ctx->sock.fd >= 0 && !iface.ctx->sock.eof) handle_messages(iface);
+    if (status != UBUS_STATUS_OK || id == 0) return -ENOSYS;
+    iface.id = id;
+    return 0;
+}
+
+/// Makes a fresh connection, if there is a bus.
+bool open_bus(interface &iface)
+{
+    const signal_keeper keep;
+    iface.ctx = ubus_connect(iface.path);
+    return iface.ctx != nullptr;
+}
+
+void introduce(interface &iface)
+{
+    iface.ctx->sock.registered = true; // libubus leaves a registered descriptor out of its own loop
+    iface.ctx->connection_lost = u_connection_lost;
+    if ((iface.flags & VELA_UBUS_NO_LOOKUP) == 0) (void)vela_ubus_find_service(&iface); // the id tells
+    if (iface.on_connect) iface.on_connect(&iface);
+}
+
+/// Replaces the connection of a context, which is otherwise kept: no lookup, no callback.
+bool reopen_bus(interface &iface)
+{
+    const pipe_signal_blocker quiet;
+    if (ubus_reconnect(iface.ctx, iface.path) != UBUS_STATUS_OK) {
+        iface.ctx->sock.fd = -1; // libubus may leave a closed number, and close it again
+        return false;
+    }
+    iface.ctx->sock.registered = true;
+    return true;
+}
+
+void u_reconnect_timeout(evutil_socket_t /*fd*/, short /*what*/, void *arg)
+{
+    auto &iface = *static_cast<interface *>(arg);
+    const call here;
+    const auto seconds = static_cast<int>(reconnect_interval.tv_sec);
+    if (iface.ctx) {
+        if (!reopen_bus(iface)) {
+            log_warn("Failed to reconnect, trying again in %ds", seconds);
+            arm(iface);
+            return;
+        }
+    } else if (open_bus(iface)) {
+        introduce(iface);
+        if (iface.closed) return;
+    } else {
+        log_warn("Failed to connect, trying again in %ds", seconds);
+        arm(iface);
+        return;
+    }
+
+    if (!watch(iface)) {
+        log_error("failed to create UBUS event");
+        arm(iface); // the next attempt makes another connection
+        return;
+    }
+    log_debug("Reconnected!");
+    release_event(iface.timer);
+}
+
+} // namespace
+
+int vela_ubus_init(void)
+{
+    while (records.next != &records) unlink(*records.next);
+    initialised = true;
+    return 0;
+}
+
+vela_ubus_interface_t *vela_ubus_create(struct event_base *base, const char *path, const char *service, uint32_t flags,
+                                        vela_ubus_callback on_connect, vela_ubus_callback on_close)
+{
+    if (!base || !path || !service) {
+        log_error("Bad parameters in initialization");
+        return nullptr;
+    }
+    auto iface = vela::make_zeroed<interface>();
+    if (!iface) {
+        log_error("out of memory building vela_ubus_interface_t");
+        return nullptr;
+    }
+    iface->base = base;
+    iface->service = service;
+    iface->path = path;
+    iface->flags = flags;
+    iface->on_connect = on_connect;
+    iface->on_close = on_close;
+
+    const call here;
+    if (!open_bus(*iface)) {
+        log_error("Failed to connect to ubus");
+        if ((flags & VELA_UBUS_KEEP_TRYING) == 0) return nullptr;
+        arm(*iface);
+        link_before(records, iface->link);
+        return iface.release();
+    }
+    interface &connected = *iface.release(); // the callback may close it
+    introduce(connected);
+    if (connected.closed) return nullptr;
+    if (!watch(connected)) {
+        log_error("Failed to create event object for UBUS callback");
+        vela_ubus_close(&connected);
+        return nullptr;
+    }
+    link_before(records, connected.link);
+    return &connected;
+}
+
+void vela_ubus_close(vela_ubus_interface_t *iface)
+{
+    if (!iface || iface->closed) return;
+    const call here;
+    iface->closed = true;
+    unlink(iface->link);
+    link_before(closed_records, iface->link);
+    if (iface->ctx && iface->on_close) iface->on_close(iface);
+    release_event(iface->timer);
+    release_event(iface->read_event);
+}
+
+void vela_ubus_shutdown(void)
+{
+    if (!initialised) return;
+    // Taken out first: what a callback creates meanwhile stays, what it closes is missed by nobody.
+    vela_ubus_links leaving{&leaving, &leaving};
+    while (records.next != &records) {
+        vela_ubus_links &link = *records.next;
+        unlink(link);
+        link_before(leaving, link);
+    }
+    while (leaving.next != &leaving) vela_ubus_close(&owner(leaving.next));
+}
+
+int vela_ubus_find_service(vela_ubus_interface_t *iface)
+{
+    if (!iface || !iface->ctx || !iface->service) return -EINVAL;
+    return find(*iface, iface->service);
+}
+
+int vela_ubus_find_object(vela_ubus_interface_t *iface, const char *name)
+{
+    if (!iface || !iface->ctx || !iface->service || !name || *name == '\0') return -EINVAL;
+    return find(*iface, name);
+}

@@ -1,0 +1,125 @@
+/**
+ * @file
+ * System bus connections on the caller's libevent base, which come back by themselves.
+ *
+ * A record is one connection to the bus and one object looked up on it. When the bus goes away its record tries again
+ * once a second, for ever. For one thread: everything runs in that of the event base. The context is libubus's own, so
+ * that a program calls ubus_invoke() and the rest of that library on `iface->ctx`.
+ *
+ * Signals: SIGINT, SIGTERM, SIGCHLD and SIGPIPE keep the dispositions they had, although libubus changes them when it
+ * connects. A program that makes its own requests on `ctx` had better ignore SIGPIPE.
+ */
+#ifndef VELA_IPC_UBUS_H
+#define VELA_IPC_UBUS_H
+
+#include <stdbool.h>
+#include <stdint.h>
+#include <vela/core/api.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+struct blob_attr;
+struct event;
+struct event_base;
+struct ubus_context;
+
+typedef struct vela_ubus_interface vela_ubus_interface_t;
+
+/** A callback may make requests, close its record or any other, and create new ones. */
+typedef void (*vela_ubus_callback)(vela_ubus_interface_t *iface);
+
+/** Bits of `flags`. */
+enum {
+    VELA_UBUS_NO_LOOKUP = 1,   /**< do not look the service up on connecting */
+    VELA_UBUS_KEEP_TRYING = 2, /**< without a bus, create the record all the same and go on trying */
+};
+
+/** Membership in the list of records. */
+typedef struct vela_ubus_links {
+    struct vela_ubus_links *next;
+    struct vela_ubus_links *prev;
+} vela_ubus_links;
+
+/** A connection: made by vela_ubus_create(), released by vela_ubus_close(). For reading, apart from the library. */
+struct vela_ubus_interface {
+    struct event_base *base;
+    struct ubus_context *ctx; /**< NULL until the first connection; kept over reconnections */
+    struct event *read_event; /**< NULL while there is no connection */
+    const char *service;      /**< borrowed: stays valid as long as the record */
+    const char *path;         /**< borrowed likewise */
+    uint32_t id;              /**< what the last successful lookup found; stale after a reconnection */
+    struct event *timer;      /**< the next attempt; NULL while none is due */
+    uint32_t flags;
+    vela_ubus_callback on_connect; /**< after a first connection, the lookup done; not after a reconnection */
+    vela_ubus_callback on_close;   /**< by vela_ubus_close(), where there has been a connection */
+    vela_ubus_links link;
+    bool closed; /**< released when the calls under way have returned */
+};
+
+/** Statistics of an access point, as the management agent replies with them. Averages are cut to their low 32 bits. */
+typedef struct mgragent_ap_stats {
+    uint32_t satisfaction; /**< UINT32_MAX where the reply has none */
+    uint32_t num_satisfaction_sta;
+    uint32_t wifi_tx_lat_avg;
+    uint32_t rx_tcp_lat_avg;
+    uint32_t tx_tcp_lat_avg;
+    uint32_t client_signal_avg;
+    uint32_t tx_rate_avg;
+    uint32_t rx_rate_avg;
+    uint32_t rxtx_tp_avg;
+    uint32_t phy_link_speed; /**< UINT32_MAX where the reply has none */
+} mgragent_ap_stats;
+
+/** Makes the list of records empty, forgetting (not closing) any in it. Call once, first. @return 0 */
+VELA_API int vela_ubus_init(void);
+
+/**
+ * Connects to the bus and looks a service up.
+ *
+ * @param base        where the record's events live; outlives the record
+ * @param path        the bus socket; not copied
+ * @param service     the object to look up, now and whenever vela_ubus_find_service() is called; not copied. That it is
+ *                    not found is no failure: the id stays 0
+ * @param flags       VELA_UBUS_NO_LOOKUP, VELA_UBUS_KEEP_TRYING
+ * @param on_connect  may be NULL; may be called before this returns
+ * @param on_close    may be NULL
+ * @return the record; NULL for a missing argument, without a bus (unless VELA_UBUS_KEEP_TRYING is set), without memory,
+ *         or if on_connect closed the record
+ */
+VELA_API vela_ubus_interface_t *vela_ubus_create(struct event_base *base, const char *path, const char *service,
+                                                 uint32_t flags, vela_ubus_callback on_connect,
+                                                 vela_ubus_callback on_close);
+
+/** Ends the connection and frees the record; called from one of its callbacks, when that has returned. NULL is
+ * accepted. */
+VELA_API void vela_ubus_close(vela_ubus_interface_t *iface);
+
+/** Closes every record. */
+VELA_API void vela_ubus_shutdown(void);
+
+/**
+ * Looks the record's service up and stores its id in the record. Waits for the daemon.
+ *
+ * @return 0; -EINVAL without a record, a connection or a service; -ENOSYS if it was not found, the id being as before
+ */
+VELA_API int vela_ubus_find_service(vela_ubus_interface_t *iface);
+
+/** The same for an object of another name; a NULL or empty one is -EINVAL. */
+VELA_API int vela_ubus_find_object(vela_ubus_interface_t *iface, const char *name);
+
+/**
+ * Reads the statistics of an access point from a reply.
+ *
+ * @param out  written on success only
+ * @param msg  the message as the data callback of ubus_invoke() gets it; values of another type count as missing
+ * @return 0; -1 for a NULL `out` or a malformed or empty message
+ */
+VELA_API int mgragent_stats_parse_ap_stats(mgragent_ap_stats *out, const struct blob_attr *msg);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
