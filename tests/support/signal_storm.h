@@ -1,4 +1,4 @@
-// A signal every millisecond, caught, and without restarting what it interrupts: every blocking call meets EINTR.
+// A signal every millisecond or so, caught, and without restarting what it interrupts: every blocking call meets EINTR.
 #pragma once
 
 #include <csignal>
@@ -7,12 +7,12 @@
 class signal_storm
 {
 public:
-    signal_storm()
+    explicit signal_storm(int period_us = 1000)
     {
         struct sigaction action = {};
         action.sa_handler = [](int) {};
         sigaction(SIGALRM, &action, &before_);
-        set_period(1000);
+        set_period(period_us);
     }
     signal_storm(const signal_storm &) = delete;
     signal_storm &operator=(const signal_storm &) = delete;
