@@ -1,7 +1,6 @@
 // Any file, read by the keys of a board and line by line.
 #include <cstdio>
 #include <cstdlib>
-#include <initializer_list>
 #include <fcntl.h>
 #include <initializer_list>
 #include <sys/mman.h>

@@ -12,6 +12,12 @@
 #ifndef VELA_NET_URL_H
 #define VELA_NET_URL_H
 
+/* A strict C11 compiler shows struct addrinfo only on demand. */
+#if defined(__STRICT_ANSI__) && !defined(_POSIX_C_SOURCE) && !defined(_XOPEN_SOURCE) && !defined(_DEFAULT_SOURCE) &&   \
+    !defined(_GNU_SOURCE)
+#define _POSIX_C_SOURCE 200809L
+#endif
+
 #include <netdb.h>
 #include <netinet/in.h>
 #include <stdint.h>
