@@ -67,4 +67,23 @@ private:
     int length_;
 };
 
+/// A MAC-form address as "02:56:4c:00:00:0a", without the cost of printf.
+class mac_text
+{
+public:
+    explicit constexpr mac_text(const uint8_t *mac)
+    {
+        constexpr char digits[] = "0123456789abcdef";
+        for (size_t i = 0; i < 6; ++i) {
+            text_[3 * i] = digits[mac[i] >> 4];
+            text_[3 * i + 1] = digits[mac[i] & 0xF];
+            text_[3 * i + 2] = i == 5 ? '\0' : ':';
+        }
+    }
+    [[nodiscard]] constexpr const char *c_str() const { return text_; }
+
+private:
+    char text_[18]{};
+};
+
 } // namespace vela

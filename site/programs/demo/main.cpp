@@ -1,0 +1,12 @@
+// ./dev demo: the library at its work on a simulated site.
+#include "scenes.h"
+#include "site/world.h"
+
+int main()
+{
+    site::enter_world();
+    site::story story("libvela on a simulated site: own namespaces, own /proc, /etc, /tmp and log file");
+    tell_of_the_device(story);
+    tell_of_a_crash(story);
+    return story.end();
+}

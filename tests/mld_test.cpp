@@ -1,0 +1,118 @@
+#include "site/world.h"
+#include "tests/support/faults.h"
+#include "tests/support/leaks.h"
+#include "tests/support/log_lines.h"
+
+#include <gmock/gmock.h>
+#include <vela/wireless/mld.h>
+
+using testing::ElementsAre;
+
+namespace
+{
+void must_run(const char *commands) { ASSERT_EQ(0, site::run(commands)) << commands; }
+} // namespace
+
+TEST(Mld, InterfacesGoUp)
+{
+    must_run("ip link add ath0 type veth peer name far");
+    const leak_check leaks;
+    EXPECT_EQ(0, vela_if_is_up("ath0"));
+    EXPECT_EQ(0, vela_if_set_up("ath0"));
+    EXPECT_EQ(1, vela_if_is_up("ath0"));
+    EXPECT_EQ(0, vela_if_set_up("ath0")) << "up already";
+    for (const char *name : {"", "missing", "a-name-longer-than-any-interface"}) {
+        EXPECT_EQ(0, vela_if_is_up(name)) << name;
+        EXPECT_EQ(-1, vela_if_set_up(name)) << name;
+    }
+    EXPECT_EQ(-1, vela_if_set_up(nullptr));
+    {
+        const faults::refuse none(faults::call::socket, EMFILE);
+        EXPECT_EQ(0, vela_if_is_up("ath0"));
+        EXPECT_EQ(-1, vela_if_set_up("ath0"));
+    }
+    leaks.expect_unchanged();
+}
+
+TEST(Mld, IndexHasThreeDigits)
+{
+    log_lines log;
+    must_run("ip link add ath0 index 1234 type veth peer name far index 77");
+    EXPECT_EQ(123, vela_get_ifindex("ath0"));
+    EXPECT_EQ(77, vela_get_ifindex("far"));
+    EXPECT_EQ(0, vela_get_ifindex("missing"));
+    EXPECT_THAT(log.texts(), ElementsAre("NULL pointer for default value"));
+}
+
+// The kernel gives a lower device an "upper_NAME" link for every device stacked on it.
+TEST(Mld, LinksKnowTheirMultiLinkDevice)
+{
+    log_lines log;
+    must_run("ip link add ath0 type veth peer name far && ip link add link ath0 name mld10 type macvlan");
+    constexpr struct {
+        size_t size;
+        const char *name;
+    } cases[] = {{16, "mld10"}, {6, "mld10"}, {4, "mld"}, {1, ""}};
+    for (const auto &c : cases) {
+        char name[16] = "old";
+        EXPECT_EQ(0, get_iface_upper_mld_ifname("ath0", name, c.size));
+        EXPECT_STREQ(c.name, name) << "size " << c.size;
+    }
+    char name[16] = "old";
+    EXPECT_EQ(0, get_iface_upper_mld_ifname("ath0", name, 0));
+    EXPECT_STREQ("old", name);
+    EXPECT_EQ(-1, get_iface_upper_mld_ifname("far", name, sizeof name));
+    EXPECT_STREQ("", name);
+    EXPECT_TRUE(log.take().empty());
+    EXPECT_EQ(-1, get_iface_upper_mld_ifname("missing", name, sizeof name));
+    EXPECT_THAT(log.take(),
+                ElementsAre(log_line{"error", "wireless", "get_iface_upper_mld_ifname",
+                                     "unable to open '/sys/class/net/missing': No such file or directory"}));
+}
+
+TEST(Mld, VlanComesFromTheBridgesName)
+{
+    log_lines log;
+    must_run("ip link add br0.20 type bridge; ip link add br0 type bridge; ip link add lan.3 type bridge;"
+             "for i in 1 2 3 4; do ip link add a$i type veth peer name b$i; done;"
+             "ip link set a1 master br0.20; ip link set a2 master br0; ip link set a3 master lan.3");
+    EXPECT_EQ(20, get_mld_vlan_id("a1"));
+    EXPECT_EQ(1, get_mld_vlan_id("a2"));
+    EXPECT_EQ(1, get_mld_vlan_id("a3"));
+    EXPECT_TRUE(log.take().empty());
+    EXPECT_EQ(-1, get_mld_vlan_id("a4"));
+    EXPECT_THAT(log.take(),
+                ElementsAre(log_line{"error", "wireless", "get_mld_vlan_id",
+                                     "unable to readlink '/sys/class/net/a4/master': No such file or directory"}));
+}
+
+TEST(Mld, ConfiguredDeviceIsThatOfTheHighestIndex)
+{
+    site::put_file("/tmp/system.cfg", "wireless.10.devname=ath0\nwireless.10.mld=mld10\n"
+                                      "wireless.9.devname=ath0\nwireless.9.mld=mld9\n"
+                                      "wireless.1.devname=ath1\nwireless.2.devname=ath0x\nwireless.2.mld=mld2\n");
+    cfg_entry *config = parse("/tmp/system.cfg");
+    EXPECT_STREQ("mld10", get_mld_iface_cfg(config, "ath0"));
+    EXPECT_EQ(nullptr, get_mld_iface_cfg(config, "ath1")) << "no mld key";
+    EXPECT_EQ(nullptr, get_mld_iface_cfg(config, "ath"));
+    EXPECT_EQ(nullptr, get_mld_iface_cfg(config, nullptr));
+    EXPECT_EQ(nullptr, get_mld_iface_cfg(nullptr, "ath0"));
+    free_cfg(config);
+}
+
+TEST(Mld, SeenDevicesAreRememberedUpToSixteen)
+{
+    for (int round = 0; round < 2; ++round) {
+        for (int i = 0; i < 16; ++i) {
+            const std::string name = "mld" + std::to_string(i);
+            EXPECT_EQ(1, add_if_mld_unique(name.c_str()));
+            EXPECT_EQ(0, add_if_mld_unique(name.c_str()));
+        }
+        EXPECT_EQ(1, add_if_mld_unique("mld16"));
+        EXPECT_EQ(1, add_if_mld_unique("mld16")) << "not stored";
+        reset_seen_mlds();
+    }
+    if (!faults::can_refuse_memory) return;
+    const faults::refuse_memory next;
+    EXPECT_EQ(0, add_if_mld_unique("mld0"));
+}

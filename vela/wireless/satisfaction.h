@@ -1,0 +1,119 @@
+/**
+ * @file
+ * How well a client station is served: a score from 0 to 100, the area that pulled it down most, and the areas that
+ * scored below 80 ("anomalies").
+ */
+#ifndef VELA_WIRELESS_SATISFACTION_H
+#define VELA_WIRELESS_SATISFACTION_H
+
+#include <jansson.h>
+#include <stdint.h>
+#include <vela/core/api.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** Areas of the score: index into `scores` and the key tables; its bit is 1 << index. */
+enum {
+    VELA_SAT_SIGNAL,
+    VELA_SAT_PHY_RATE,
+    VELA_SAT_TCP_PACKET_LOSS,
+    VELA_SAT_TCP_LATENCY,
+    VELA_SAT_WIFI_RETRIES,
+    VELA_SAT_STREAM_EFF,
+    VELA_SAT_SLEEPY_CLIENT,
+    VELA_SAT_WIFI_LATENCY,
+    VELA_SAT_IP_TIMEOUT,
+    VELA_SAT_ARP_TIMEOUT,
+    VELA_SAT_DNS_TIMEOUT,
+    VELA_SAT_DNS_LATENCY,
+    VELA_SAT_ICMP_RTT,
+    VELA_SAT_DISCONNECTS,
+    VELA_SAT_NO_DHCP_RESPONSE,
+    VELA_SAT_WIFI_DROPS,
+    VELA_SAT_AREAS,
+};
+
+/** One direction of a station's TCP flows; latencies in milliseconds. */
+typedef struct vela_tcp_stats {
+    uint64_t goodbytes;
+    uint16_t stalls;
+    uint16_t retries;
+    uint32_t lat_max;
+    uint32_t lat_min; /**< 0xFFFFFFFF: no sample */
+    uint64_t lat_sum;
+    uint64_t lat_samples;
+    uint64_t lat_avg; /**< all ones: no sample */
+} vela_tcp_stats;
+
+/** Wi-Fi transmit latency of a station. */
+typedef struct vela_wifi_tx_lat {
+    uint64_t total;
+    uint64_t total_count;
+    uint32_t min;
+    uint32_t max;
+    int32_t avg;
+} vela_wifi_tx_lat;
+
+/** What is known of a station, and its score. Zero the record, fill the inputs, call calc_sta_satisfaction(). */
+typedef struct vela_station {
+    uint16_t freq;               /**< channel, MHz */
+    uint32_t tx_rate;            /**< the driver's figure; 0 unknown */
+    uint32_t radio_health;       /**< radio efficiency, percent */
+    vela_tcp_stats tcp_stats[2]; /**< the two directions */
+    uint64_t tx_tries;           /**< transmit attempts, all of them */
+    uint64_t tx_retries;         /**< of these, repeated ones */
+    uint64_t tx_drops;           /**< frames given up */
+    uint32_t chip_code;          /**< radio chip that serves the station */
+    uint32_t has_ip;             /**< non-zero: seen with an IP address */
+    uint32_t arp_ok;             /**< non-zero: answered ARP */
+    int32_t dns_timeouts;        /**< queries that timed out */
+    int32_t dns_latency;         /**< milliseconds; -1 unknown */
+    int32_t icmp_rtt;            /**< milliseconds */
+    uint8_t dhcp_seen;           /**< the DHCP exchange as it was observed */
+    uint8_t dhcp_reply_a;
+    uint8_t dhcp_requests;
+    uint8_t dhcp_reply_b;
+    uint8_t dhcp_replies;
+    uint32_t disconnects; /**< in the period */
+
+    int32_t satisfaction;           /**< lowest measured score, 0 to 100; -1: nothing measured */
+    uint32_t satisfaction_reason;   /**< bit of the area that set it; untouched while nothing scored below 100 */
+    uint32_t anomalies;             /**< bits of areas that scored below 80; added to, never cleared */
+    int32_t scores[VELA_SAT_AREAS]; /**< per area; -1 not measured */
+} vela_station;
+
+/** From which share of dropped frames a chip's stations are marked down. */
+typedef struct vela_drop_threshold {
+    uint32_t chip_code;
+    float percent;
+} vela_drop_threshold;
+
+/** Names of the areas in the reasons chart and in the anomalies chart, by index. */
+extern VELA_API const char *const reasons_bar_chart_keys[VELA_SAT_AREAS];
+extern VELA_API const char *const anomalies_bar_chart_keys[VELA_SAT_AREAS];
+extern VELA_API const vela_drop_threshold sat_xretry_penalty_thrs[2];
+
+/**
+ * Scores a station: overwrites `satisfaction` and `scores`, sets `satisfaction_reason` where an area scored below 100,
+ * adds to `anomalies`. Transmit counters that contradict each other score 0 and are logged.
+ * @return 0
+ */
+VELA_API int calc_sta_satisfaction(vela_station *station);
+
+/** The sixteen scores under their reason or anomaly names. The caller releases the object; null when out of memory. */
+VELA_API json_t *reasons_bar_chart_to_json(const int32_t *scores);
+VELA_API json_t *anomalies_bar_chart_to_json(const int32_t *scores);
+
+/** TCP statistics as an object; unset latencies are -1. The caller releases it; null when out of memory. */
+VELA_API json_t *tcp_stats_to_json(const vela_tcp_stats *tcp_stats);
+
+/** Transmit latency as an object. The caller releases it; null when out of memory. */
+VELA_API json_t *wifi_tx_lat_to_json(const vela_wifi_tx_lat *lat);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
