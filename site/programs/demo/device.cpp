@@ -14,12 +14,13 @@ void tell_of_the_device(site::story &story)
 
     const board_record *board = board_identify();
     story.tell("/proc/velahal says system id %u, revision %d.", facts.sysid, facts.revision);
-    story.check(board->system_id == facts.sysid,
-                "the board is a %s (%s): %u radios, %d Ethernet ports, serial %02x:%02x:%02x:%02x:%02x:%02x",
+    story.check(board->system_id == facts.sysid && board->radio_count != 0,
+                "the board is an %s (%s): %u radios, %d Ethernet ports, serial %02x:%02x:%02x:%02x:%02x:%02x",
                 board->model_name, board->short_code, board->radio_count, get_num_of_eth_ports(), board->serial[0],
                 board->serial[1], board->serial[2], board->serial[3], board->serial[4], board->serial[5]);
     const char *version = nullptr;
-    story.check(get_version(&version) == 0, "it runs firmware %s", version);
+    const bool known = get_version(&version) == 0;
+    story.check(known, "it runs firmware %s", version);
 
     cfg_entry *config = parse("/tmp/system.cfg");
     story.check(config != nullptr, "/tmp/system.cfg has %d entries", static_cast<int>(get_cfg_count(config)));
