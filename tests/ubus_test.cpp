@@ -27,7 +27,7 @@ namespace
 {
 
 constexpr const char *path = "/tmp/bus.sock";
-constexpr int retry_ms = 1100; // a second, and a little
+constexpr int retry_ms = 1100; // a second, and a little: one attempt
 
 // Captured on a bus: the greeting, the lookup of "vt", and its answers.
 const std::string hello = bus::bytes("00 00 00 00 9a 44 99 96 00 00 00 04");
@@ -50,7 +50,7 @@ public:
         event_base_free(base);
     }
 
-    template <class Condition> bool runs_until(Condition condition, int ms = retry_ms) const
+    template <class Condition> bool runs_until(Condition condition, int ms = 5000) const
     {
         const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
         while (!condition() && std::chrono::steady_clock::now() < end) {
@@ -100,6 +100,8 @@ template <class Body> auto seconds_of(Body body)
     body();
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
 }
+
+const auto a_few = testing::AllOf(testing::Ge(2.9), testing::Le(6)); // seconds
 
 std::string payload(const blob_attr *msg) { return {static_cast<const char *>(blob_data(msg)), blob_len(msg)}; }
 
@@ -151,7 +153,7 @@ TEST(Ubus, WithoutABusOnlyFlag2MakesARecordThatWaitsForOne)
         ASSERT_NE(nullptr, iface);
         EXPECT_THAT(log.take(), ElementsAre(failed));
         EXPECT_EQ(nullptr, iface->ctx);
-        EXPECT_FALSE(loop.runs_until([&] { return iface->ctx; }));
+        EXPECT_FALSE(loop.runs_until([&] { return iface->ctx; }, retry_ms));
         EXPECT_THAT(log.take(), ElementsAre(log_line{"warn", "libvela_ubus", "u_reconnect_timeout",
                                                      "Failed to connect, trying again in 1s"}));
         site::bus_daemon daemon(path);
@@ -165,7 +167,7 @@ TEST(Ubus, WithoutABusOnlyFlag2MakesARecordThatWaitsForOne)
         EXPECT_EQ(1, closes);
 
         vela_ubus_close(vela_ubus_create(loop.base, "/tmp/nothing", "vt", 2, count_connect, count_close));
-        EXPECT_FALSE(loop.runs_until([] { return connects != 1; })) << "the timer of a closed record";
+        EXPECT_FALSE(loop.runs_until([] { return connects != 1; }, retry_ms)) << "the timer of a closed record";
         EXPECT_EQ(1, closes) << "there was no connection to close";
         EXPECT_EQ("", daemon.complaint());
     }
@@ -216,9 +218,9 @@ TEST(Ubus, AKilledBusIsRegainedInASecond)
     const uint32_t first_id = iface->id;
 
     daemon.kill();
-    EXPECT_TRUE(loop.runs_until([&] { return iface->timer; }, 100));
+    EXPECT_TRUE(loop.runs_until([&] { return iface->timer; }));
     EXPECT_EQ(nullptr, iface->read_event) << "the dead socket would keep the loop busy";
-    EXPECT_FALSE(loop.runs_until([&] { return iface->read_event; }));
+    EXPECT_FALSE(loop.runs_until([&] { return iface->read_event; }, retry_ms));
     EXPECT_EQ(-1, ctx->sock.fd);
     EXPECT_EQ(-ENOSYS, vela_ubus_find_service(iface));
     EXPECT_THAT(log.take(), ElementsAre(log_line{"warn", "libvela_ubus", "u_connection_lost",
@@ -226,7 +228,7 @@ TEST(Ubus, AKilledBusIsRegainedInASecond)
                                         log_line{"warn", "libvela_ubus", "u_reconnect_timeout",
                                                  "Failed to reconnect, trying again in 1s"}));
     daemon.start();
-    EXPECT_TRUE(loop.runs_until([&] { return iface->read_event; }));
+    EXPECT_LT(seconds_of([&] { EXPECT_TRUE(loop.runs_until([&] { return iface->read_event; })); }), 2);
     EXPECT_THAT(log.texts(), ElementsAre("Reconnected!"));
     EXPECT_EQ(ctx, iface->ctx);
     EXPECT_TRUE(ctx->sock.registered);
@@ -236,9 +238,14 @@ TEST(Ubus, AKilledBusIsRegainedInASecond)
     EXPECT_EQ(0, vela_ubus_find_service(iface));
     EXPECT_NE(first_id, iface->id);
 
-    iface->ctx->connection_lost(nullptr); // whoever it was
-    EXPECT_NE(nullptr, iface->timer);
-    EXPECT_EQ(2U, daemon.connections());
+    ctx->connection_lost(nullptr); // whoever it was
+    ASSERT_NE(nullptr, iface->timer);
+    EXPECT_TRUE(loop.runs_until([&] {
+        if (iface->timer) ctx->connection_lost(ctx);
+        log.take();
+        return iface->read_event;
+    })) << "told again and again";
+    EXPECT_EQ(3U, daemon.connections());
     EXPECT_EQ("", daemon.complaint());
 }
 
@@ -256,6 +263,7 @@ TEST(Ubus, ABusThatDiesAnywhereIsRegained)
         {"in an answer", {{step::send, hello}, {step::expect, lookup}, {step::send, half(found)}, {step::die, ""}}},
         {"in a header", {{step::send, hello + found.substr(0, 7)}, {step::expect, lookup}, {step::die, ""}}},
         {"between two answers", {{step::send, hello}, {step::expect, lookup}, {step::send, found}, {step::die, ""}}},
+        {"not at all, but talks nonsense", {{step::send, hello + "\1" + hello.substr(1)}, {step::hang, ""}}},
         {"when all was said", {{step::send, hello}, {step::expect, lookup}, {step::send, found + ok}, {step::die, ""}}},
     };
     const event_loop loop;
@@ -522,7 +530,6 @@ TEST(UbusClient, CallsAreAnsweredPolitely)
                                        {step::hang, ""}});
     const client k;
     ASSERT_NE(nullptr, k.ctx);
-    usleep(50000);
     ubus_handle_event(k.ctx); // all three in one event
     uint32_t id = 0;
     EXPECT_EQ(0, ubus_lookup_id(k.ctx, "vt", &id));
@@ -599,8 +606,8 @@ TEST(UbusClient, AStoppedBusHoldsNobodyForLong)
     daemon.pause();
     uint32_t id = 0;
     const signal_storm storm;
-    EXPECT_NEAR(3, seconds_of([&] { EXPECT_EQ(7, ubus_lookup_id(k.ctx, "vt", &id)); }), 0.5);
-    EXPECT_NEAR(3, seconds_of([] { EXPECT_EQ(nullptr, ubus_connect(path)); }), 0.5) << "accepted by the kernel";
+    EXPECT_THAT(seconds_of([&] { EXPECT_EQ(7, ubus_lookup_id(k.ctx, "vt", &id)); }), a_few);
+    EXPECT_THAT(seconds_of([] { EXPECT_EQ(nullptr, ubus_connect(path)); }), a_few) << "accepted by the kernel";
 
     std::vector<int> backlog; // full: connecting itself waits
     for (int n = 0; n < 64; ++n) {
@@ -609,7 +616,7 @@ TEST(UbusClient, AStoppedBusHoldsNobodyForLong)
         const sockaddr_un address{AF_UNIX, "/tmp/bus.sock"};
         if (connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) < 0) break;
     }
-    EXPECT_NEAR(3, seconds_of([] { EXPECT_EQ(nullptr, ubus_connect(path)); }), 0.5) << "not even accepted";
+    EXPECT_THAT(seconds_of([] { EXPECT_EQ(nullptr, ubus_connect(path)); }), a_few) << "not even accepted";
     for (const int fd : backlog) close(fd);
     daemon.resume();
     EXPECT_EQ(0, ubus_lookup_id(k.ctx, "vt", &id)) << "the late answer is passed over";
@@ -625,7 +632,7 @@ TEST(UbusClient, AFrameThatStopsHalfwayEndsTheConnection)
     const client k;
     ASSERT_NE(nullptr, k.ctx);
     const auto invoke = [&] { EXPECT_EQ(10, ubus_invoke(k.ctx, found_id, "m", nullptr, nullptr, nullptr, 0)); };
-    EXPECT_NEAR(3, seconds_of(invoke), 0.5) << "although the call itself has no limit";
+    EXPECT_THAT(seconds_of(invoke), a_few) << "although the call itself has no limit";
     EXPECT_EQ(1, losses);
 }
 

@@ -4,7 +4,6 @@
 // Callbacks of the user's run in the middle of most functions here and may close any record. So closing only marks and
 // sets aside; the outermost call of ours sweeps what was closed, with its context, when it ends.
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>

@@ -21,7 +21,7 @@
 extern "C" {
 #endif
 
-/** Results: 0 to 13, or -1 for "none yet". */
+/** What requests return, and what the daemon and providers of objects answer. */
 enum ubus_msg_status {
     UBUS_STATUS_OK,
     UBUS_STATUS_INVALID_COMMAND,
