@@ -165,38 +165,35 @@ TEST(Cfg, KeysAreEqualAsTheNaturalOrderSays)
     const std::string zeros(32, '0');
     const struct {
         std::string a, b;
-    } cases[] = {{"radio.1", "Radio.1"},
-                 {"a1", "a01"},
-                 {"4294967296", "0"},
-                 {"1" + zeros, "2" + zeros}, // numbers count modulo 2^32, at each of their positions
-                 {"1" + zeros, "1" + zeros + "0"},
-                 {"x[", "X{"},
-                 {"\xc4", "\xe4"},
-                 {"a\x80z", "A\x80Z"},
-                 {"", "a"},
-                 {"wireless.1", "wireless.1.vap"}};
+    } cases[] = {
+        {"radio.1", "Radio.1"},
+        {"a1", "a01"},
+        {"4294967296", "0"},
+        {"\xc4", "\xe4"},
+        {"a\x80z", "A\x80Z"},
+        {"x[", "X{"},
+        {"", "a"},
+        {"wireless.1", "wireless.1.vap"},
+        {"1" + zeros, "2" + zeros}, // numbers count modulo 2^32, at each of their positions
+        {"1" + zeros, "1" + zeros + "0"},
+    };
     for (const auto &c : cases) {
         const auto cfg = parsed(c.a + "=v\n");
         EXPECT_EQ(stated_order(c.a, c.b) == 0, get_value(cfg.get(), nullptr, "%s", c.b.c_str()) != nullptr)
             << c.a << " " << c.b;
     }
 
-    // Records of a caller's own, with keys that start anywhere, compare like those of a file.
+    // Also in records of a caller's own, whose keys start anywhere.
     std::mt19937 random{7};
     for (int i = 0; i < 20000; ++i) {
-        const std::string letters = "aA1.";
-        std::string key = " " + random_key(random, 4 + i % 16, letters);
-        const std::string wanted = i % 2 ? random_key(random, 4, letters) : [&] {
-            std::string s = key.substr(1);
-            if (!s.empty()) s[random() % s.size()] = letters[random() % 4];
-            return s;
-        }();
+        std::string key = " " + random_key(random, 4 + i % 16, "aA1.");
+        std::string wanted = key.substr(1);
+        if (!wanted.empty()) wanted[random() % wanted.size()] = "aA1."[random() % 4];
         char value[] = "v";
         cfg_entry own = {&key[1], value, nullptr, nullptr};
-        const bool equal = stated_order(key.substr(1), wanted) == 0;
+        const bool equal = stated_order(&key[1], wanted) == 0;
         ASSERT_EQ(equal, get_value(&own, nullptr, "%s", wanted.c_str()) != nullptr) << key << " " << wanted;
-        if (key.find('=') != key.npos || key == " ") continue;
-        ASSERT_EQ(equal, get_cfg_key_count(parsed(key + "=v\n").get(), 1, "%s", wanted.c_str()) == 1)
+        ASSERT_EQ(equal, get_value(parsed(key + "=v\n").get(), nullptr, "%s", wanted.c_str()) != nullptr)
             << key << " " << wanted;
     }
     cfg_entry keyless = {nullptr, nullptr, nullptr, nullptr};
@@ -214,19 +211,15 @@ TEST(Cfg, NumbersKeepTheirWidth)
         {"010", 8, 10, 8, 8},
         {" \t-3", -3, -3, 4294967293, -3},
         {"", -7, -7, -7, -7},
-        {"x1", -7, -7, -7, -7},
-        {"-", -7, -7, -7, -7},
+        {"-x1", -7, -7, -7, -7},
         {"2147483647", 2147483647, 2147483647, 2147483647, 2147483647},
         {"2147483648", -7, -7, 2147483648, 2147483648},
         {"-2147483648", INT32_MIN, INT32_MIN, 2147483648, INT32_MIN},
-        {"-2147483649", -7, -7, 2147483647, -2147483649},
         {"4294967295", -7, -7, 4294967295, 4294967295},
         {"4294967296", -7, -7, -7, 4294967296},
         {"-4294967296", -7, -7, -7, -4294967296},
-        {"9223372036854775807", -7, -7, -7, INT64_MAX},
         {"9223372036854775808", -7, -7, -7, -7},
         {"18446744073709551615", -7, -7, -7, -7},
-        {"99999999999999999999", -7, -7, -7, -7},
     };
     for (const auto &c : cases) {
         const auto cfg = parsed(std::string("k=") + c.value + "\n");
@@ -242,32 +235,14 @@ TEST(Cfg, NumbersKeepTheirWidth)
 
 TEST(Cfg, SwitchesAreWords)
 {
-    constexpr struct {
-        const char *value;
-        int expected;
-    } cases[] = {{"on", 1},
-                 {"Enabled", 1},
-                 {"1", 1},
-                 {"ENABLE", 1},
-                 {"active", 1},
-                 {"true", 1},
-                 {"off", 0},
-                 {"disabled", 0},
-                 {"0", 0},
-                 {"disable", 0},
-                 {"inActive", 0},
-                 {"False", 0},
-                 {" \tEnabled \t", 1},
-                 {"yes", 9},
-                 {"", 9},
-                 {"o n", 9},
-                 {"1\r", 9},
-                 {"tru", 9},
-                 {"truer", 9},
-                 {"00", 9}};
-    for (const auto &c : cases) {
-        EXPECT_EQ(c.expected, get_bool(parsed(std::string("k=") + c.value + "\n").get(), 9, "k")) << c.value;
-    }
+    const auto expect = [](int expected, std::initializer_list<const char *> values) {
+        for (const char *value : values) {
+            EXPECT_EQ(expected, get_bool(parsed(std::string("k=") + value + "\n").get(), 9, "k")) << value;
+        }
+    };
+    expect(1, {"on", "Enabled", "1", "ENABLE", "active", "true", " \tEnabled \t"});
+    expect(0, {"off", "disabled", "0", "disable", "inActive", "False"});
+    expect(9, {"yes", "", "o n", "1\r", "tru", "truer", "00"});
 }
 
 TEST(Cfg, EscapesForAShellOnce)
