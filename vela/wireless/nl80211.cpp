@@ -282,12 +282,6 @@ void log_receive_failure(int result)
     if (result == -vela::netlink::error_no_memory) log_warn_as(step, "events were lost, what they told must be asked");
 }
 
-unsigned index_of(const char *ifname)
-{
-    // Longer names are cut by some C libraries, and would find another interface.
-    return ifname && strnlen(ifname, IFNAMSIZ) < IFNAMSIZ ? if_nametoindex(ifname) : 0;
-}
-
 /// What an interface's driver reports.
 struct interface_record {
     uint32_t wiphy = absent;
@@ -379,7 +373,7 @@ void vl_nl80211_deregister_command_callback(vl_nl80211_service *service, uint32_
 
 nl_msg *vl_nl80211_create_message(vl_nl80211_service *service, const char *ifname, uint8_t cmd, int flags)
 {
-    const unsigned index = index_of(ifname);
+    const unsigned index = vela::netlink::interface_index(ifname);
     if (index == 0) {
         log_error("couldn't get interface index %s", ifname ? ifname : "");
         return nullptr;

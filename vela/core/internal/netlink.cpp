@@ -1,5 +1,7 @@
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
+#include <net/if.h>
 #include <sys/socket.h>
 #include <vela/core/internal/netlink.h>
 #include <vela/core/internal/text.h>
@@ -25,6 +27,7 @@ struct exchange {
     log_origin origin;
     int status = 1; // above 0: no answer yet
     bool interrupted = false;
+    int32_t dump_error = 0;
 };
 
 /// What the kernel says in words about the request it refuses.
@@ -73,9 +76,10 @@ int on_finish(nl_msg *message, void *arg)
 {
     auto &state = *static_cast<exchange *>(arg);
     const nlmsghdr *header = nlmsg_hdr(message);
-    int32_t error = 0; // a dump that failed ends like any other, with its reason in here
+    int32_t error = 0;
     if (header->nlmsg_len >= NLMSG_HDRLEN + sizeof error) memcpy(&error, NLMSG_DATA(header), sizeof error);
     if (error < 0) log_for(state.origin, LIBVELA_LOG_DEBUG, "the dump ended with error %d", error);
+    state.dump_error = std::min(error, 0);
     state.status = 0;
     return NL_SKIP;
 }
@@ -122,7 +126,13 @@ int set_message_buffer(nl_sock *socket, size_t size)
 #endif
 }
 
-int await_answer(nl_sock *socket, nl_cb *callbacks, log_origin origin)
+unsigned interface_index(const char *ifname)
+{
+    // Longer names are cut by some C libraries, and would find another interface.
+    return ifname && strnlen(ifname, IFNAMSIZ) < IFNAMSIZ ? if_nametoindex(ifname) : 0;
+}
+
+int await_answer(nl_sock *socket, nl_cb *callbacks, log_origin origin, int *dump_error)
 {
     exchange state{origin};
     nl_cb_err(callbacks, NL_CB_CUSTOM, on_error, &state);
@@ -140,6 +150,7 @@ int await_answer(nl_sock *socket, nl_cb *callbacks, log_origin origin)
         discard_rest(socket);
         return received;
     }
+    if (dump_error) *dump_error = state.dump_error;
     if (state.status == 0 && state.interrupted) return interrupted_dump(origin);
     return state.status;
 }

@@ -40,6 +40,9 @@ int connect_generic(nl_sock *socket);
 /// The room for one message, where the library reads without asking for its size first.
 int set_message_buffer(nl_sock *socket, size_t size);
 
+/// Index of an interface; 0 when there is none of that name, or the name cannot be one.
+unsigned interface_index(const char *ifname);
+
 /// Where an exchange is logged: on behalf of the function that runs it.
 struct log_origin {
     const char *module;
@@ -49,7 +52,8 @@ struct log_origin {
 /// Reads what answers the request just sent, until it is acknowledged, refused or its dump is at an end. `callbacks`
 /// is for this one exchange: its error, finish, acknowledgement and incoming handlers are replaced.
 /// Returns 0, the kernel's negative errno, -EAGAIN for a dump that changed while it was read, or a negative libnl code.
-int await_answer(nl_sock *socket, nl_cb *callbacks, log_origin origin);
+/// A dump that fails ends like any other, with 0; `dump_error` receives its negative errno, or 0.
+int await_answer(nl_sock *socket, nl_cb *callbacks, log_origin origin, int *dump_error = nullptr);
 
 /// Attributes by number, up to Max. A value that is not there, or too short for what is asked, gives nothing.
 template <int Max> class attribute_table

@@ -5,9 +5,7 @@
 #include <cstddef>
 #include <linux/netlink.h>
 #include <linux/nl80211.h>
-#include <net/if.h>
 #include <vela/core/internal/netlink.h>
-#include <vela/core/internal/text.h>
 #include <vela/platform/wifi/wifi_nl80211.h>
 #include <vela/settings.h>
 
@@ -55,11 +53,6 @@ int connect(wifi_cfg80211_context &context, bool large)
     return std::min(context.family, 0);
 }
 
-unsigned index_of(const char *ifname)
-{
-    return ifname && strnlen(ifname, IFNAMSIZ) < IFNAMSIZ ? if_nametoindex(ifname) : 0;
-}
-
 /// A request addressed to an interface, with room for `size` bytes beside the usual; null when out of memory.
 vela::nl_msg_ptr request(const wifi_cfg80211_context &context, unsigned index, uint8_t command, int flags, size_t size)
 {
@@ -78,7 +71,10 @@ int exchange(wifi_cfg80211_context &context, const char *function, vela::nl_msg_
     nl_cb_set(callbacks.get(), NL_CB_VALID, NL_CB_CUSTOM, on_reply, arg);
     const int sent = nl_send_auto_complete(context.cmd_sock, message.get());
     if (sent < 0) return sent;
-    return vela::netlink::await_answer(context.cmd_sock, callbacks.get(), {log_module, function});
+    int dump_error = 0;
+    const int status =
+        vela::netlink::await_answer(context.cmd_sock, callbacks.get(), {log_module, function}, &dump_error);
+    return status == 0 ? dump_error : status;
 }
 
 struct command {
@@ -134,7 +130,7 @@ int on_vendor_reply(nl_msg *message, void *arg)
 int run(wifi_cfg80211_context &context, const char *function, const char *ifname, const command &c,
         wifi_cfg80211_data *descriptor)
 {
-    const unsigned index = index_of(ifname);
+    const unsigned index = vela::netlink::interface_index(ifname);
     if (index == 0) return -ENODEV;
     if (c.data.size() > data_max) return -EMSGSIZE;
     auto message = request(context, index, NL80211_CMD_VENDOR, 0, c.data.size());
@@ -230,7 +226,7 @@ int list_scan_results(wifi_cfg80211_context &context, const char *function, cons
                       wifi_cfg80211_data &data)
 {
     if (!data.callback || data.length < sizeof(scan_result) + essid_max) return -EINVAL;
-    const unsigned index = index_of(ifname);
+    const unsigned index = vela::netlink::interface_index(ifname);
     if (index == 0) return -ENODEV;
     auto message = request(context, index, NL80211_CMD_GET_SCAN, NLM_F_DUMP, 0);
     if (!message) return -ENOMEM;

@@ -1,0 +1,166 @@
+#include "tests/support/log_lines.h"
+#include "tests/wifi/machine.h"
+
+#include <gmock/gmock.h>
+#include <map>
+#include <memory>
+#include <sstream>
+#include <vela/wireless/scan.h>
+
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+namespace
+{
+
+struct entry {
+    std::string essid;
+    uint32_t freq;
+    int rssi;
+    uint32_t beacon_interval;
+    bool operator==(const entry &) const = default;
+};
+
+std::ostream &operator<<(std::ostream &out, const entry &e)
+{
+    return out << e.essid << " " << e.freq << " MHz " << e.rssi << " every " << e.beacon_interval;
+}
+
+using found = std::map<std::string, entry>; // by BSSID
+
+/// What an independent tool says of the same list.
+found from_iw(const std::string &ifname)
+{
+    found result;
+    std::istringstream lines(machine::iw("dev " + ifname + " scan dump"));
+    std::string line, bssid;
+    float dbm = 0;
+    while (std::getline(lines, line)) {
+        char text[18];
+        if (sscanf(line.c_str(), "BSS %17[0-9a-f:]", text) == 1) bssid = text;
+        if (sscanf(line.c_str(), " signal: %f", &dbm) == 1) result[bssid].rssi = static_cast<int>(dbm) + 96;
+        (void)sscanf(line.c_str(), " freq: %u", &result[bssid].freq);
+        (void)sscanf(line.c_str(), " beacon interval: %u", &result[bssid].beacon_interval);
+        if (line.rfind("\tSSID: ", 0) == 0) result[bssid].essid = line.substr(7);
+    }
+    result.erase("");
+    return result;
+}
+
+std::unique_ptr<scan_list, decltype(&free_scanlist)> list_of(const char *ifname)
+{
+    return {get_scanlist(ifname), free_scanlist};
+}
+
+const scan_entry *find(const scan_list *list, const std::string &essid)
+{
+    for (const scan_entry *e = list->first; e != reinterpret_cast<const scan_entry *>(list); e = e->next) {
+        if (e->essid == essid) return e;
+    }
+    return nullptr;
+}
+
+found from_list(const scan_list *list)
+{
+    found result;
+    for (const scan_entry *e = list->first; e != reinterpret_cast<const scan_entry *>(list); e = e->next) {
+        char bssid[18];
+        snprintf(bssid, sizeof bssid, "%02x:%02x:%02x:%02x:%02x:%02x", e->bssid[0], e->bssid[1], e->bssid[2],
+                 e->bssid[3], e->bssid[4], e->bssid[5]);
+        result[bssid] = {e->essid, e->freq, e->rssi, e->beacon_interval};
+    }
+    return result;
+}
+
+bool hears(const char *ifname, const std::string &essid)
+{
+    return machine::eventually([&] { return find(list_of(ifname).get(), essid) != nullptr; });
+}
+
+std::string hex(const uint8_t *bytes, int length)
+{
+    std::string text;
+    char digits[3];
+    for (int n = 0; n < length; ++n) {
+        snprintf(digits, sizeof digits, "%02x", bytes[n]);
+        text += digits;
+    }
+    return text;
+}
+
+class Scan : public testing::Test
+{
+protected:
+    static void SetUpTestSuite() { machine::fresh_radios(); }
+};
+
+} // namespace
+
+TEST_F(Scan, ListAgreesWithIwEntryByEntry)
+{
+    constexpr vela_ie node = {{2, 0x4D, 0, 0, 0, 7}, VELA_IE_CONNECTED | VELA_IE_ACCEPTS_UPLINKS, 1, 1};
+    uint8_t element[VELA_IE_MAX];
+    const int length = vela_ie_build(&node, element, sizeof element);
+    const machine::access_point mesh("wlan0", {.ssid = "mesh", .channel = 36, .vendor_elements = hex(element, length)});
+    const machine::access_point plain("wlan1", {.ssid = "a name of thirty-two characters ", .channel = 6});
+
+    ASSERT_EQ(0, site::run("ip link set wlan2 up"));
+    ASSERT_EQ(0, vela_scan_request("wlan2", nullptr, 1, 2, 3));
+    EXPECT_EQ(-EBUSY, vela_scan_request("wlan2", nullptr)) << "one scan at a time";
+    ASSERT_TRUE(hears("wlan2", "mesh"));
+    ASSERT_TRUE(hears("wlan2", "a name of thirty-two characters"));
+
+    const auto list = list_of("wlan2");
+    auto expected = from_iw("wlan2");
+    for (auto &[bssid, e] : expected) e.essid.resize(std::min<size_t>(e.essid.size(), 31));
+    EXPECT_EQ(expected, from_list(list.get()));
+
+    const scan_entry *const node_entry = find(list.get(), "mesh");
+    EXPECT_THAT(node_entry->mesh, testing::Each(1U));
+    EXPECT_EQ(0, memcmp(node.serial, node_entry->serial, 6));
+    EXPECT_THAT(find(list.get(), "a name of thirty-two characters")->mesh, testing::Each(0U));
+    machine::tell("wlan2 hears the mesh node %s at %u MHz, figure %d", node_entry->essid, node_entry->freq,
+                  node_entry->rssi);
+}
+
+TEST_F(Scan, RequestNamesNetworkAndFrequencies)
+{
+    // An access point that does not tell its name answers only who asks for it.
+    const machine::access_point hidden("wlan0", {.ssid = "hidden", .channel = 11, .more = "ignore_broadcast_ssid=1\n"});
+    const uint32_t freqs[] = {2412, 2462};
+    site::run("ip link set wlan3 up");
+    site::run("sh -c 'iw event >/tmp/events 2>&1 & echo $! >/tmp/events.pid'");
+    ASSERT_TRUE(machine::eventually([&] {
+        site::run(
+            "iw dev wlan3 interface add probe type managed; iw dev probe del"); // iw listens once it tells of this
+        return !site::read_file("/tmp/events").empty();
+    }));
+    ASSERT_EQ(0, vela_scan_request_freqs("wlan3", "hidden", freqs, 2));
+    EXPECT_TRUE(hears("wlan3", "hidden"));
+    EXPECT_TRUE(machine::eventually([] {
+        return site::read_file("/tmp/events").find("scan finished: 2412 2462, \"hidden\"") != std::string::npos;
+    })) << site::read_file("/tmp/events");
+
+    // No list or none counted: all frequencies.
+    ASSERT_TRUE(machine::eventually([&] { return vela_scan_request_freqs("wlan3", nullptr, freqs, 0) == 0; }));
+    EXPECT_TRUE(machine::eventually([] {
+        return site::read_file("/tmp/events").find("scan finished: 2412 2417") != std::string::npos;
+    })) << site::read_file("/tmp/events");
+    site::run("kill $(cat /tmp/events.pid)");
+}
+
+TEST_F(Scan, FailuresAreTheKernelsOwn)
+{
+    site::run("ip link set wlan3 down");
+    EXPECT_EQ(-ENETDOWN, vela_scan_request("wlan3", nullptr));
+    EXPECT_EQ(-ENODEV, vela_scan_request("nowhere", nullptr));
+    site::run("ip link set wlan3 up");
+    EXPECT_EQ(-EINVAL, vela_scan_request("wlan3", std::string(33, 'n').c_str()));
+    const std::vector<uint32_t> many(20000, 2412);
+    EXPECT_EQ(-ENOMEM, vela_scan_request_freqs("wlan3", nullptr, many.data(), static_cast<int>(many.size())));
+
+    log_lines log;
+    const auto list = list_of("lo");
+    EXPECT_THAT(from_list(list.get()), IsEmpty());
+    EXPECT_THAT(log.texts(), testing::Contains(HasSubstr("unable to query scan list, ret = -1, ifname=lo")));
+}
