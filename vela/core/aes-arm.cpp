@@ -10,7 +10,7 @@
 #if defined(__clang__)
 #define with_aes __attribute__((target("aes")))
 #else
-#define with_aes __attribute__((target("+aes")))
+#define with_aes __attribute__((target("+crypto")))
 #endif
 
 namespace

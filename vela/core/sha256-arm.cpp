@@ -9,7 +9,7 @@
 #if defined(__clang__)
 #define with_sha __attribute__((target("sha2")))
 #else
-#define with_sha __attribute__((target("+sha2")))
+#define with_sha __attribute__((target("+crypto")))
 #endif
 
 namespace
