@@ -68,6 +68,7 @@ with_aes void expand(schedule &s, const uint8_t *key)
     vela::secret<uint32_t[4 * (rounds_128 + 1)]> words;
     vela::aes::expand_key(instructions_without_cbc, words.value, key, 128);
     for (int round = 0; round <= rounds_128; ++round) s.key[round] = round_key(words.value, round);
+    vela::settle(s);
 }
 
 with_aes void cbc_encrypt(const uint8_t *key, const uint8_t *iv, uint8_t *data, size_t blocks)
@@ -87,8 +88,9 @@ with_aes void cbc_encrypt(const uint8_t *key, const uint8_t *iv, uint8_t *data, 
 }
 
 /// Decrypts the next n blocks and moves on; previous is the ciphertext before them.
-template <size_t n> with_aes inline void cbc_decrypt_some(const schedule &s, uint8x16_t &previous, uint8_t *&data)
+template <size_t n> with_aes inline void cbc_decrypt_some(schedule &s, uint8x16_t &previous, uint8_t *&data)
 {
+    vela::settle(s); // there are not registers enough for all of it: no key is to wait on the stack
     uint8x16_t block[n];
 #pragma GCC unroll 8
     for (size_t i = 0; i < n; ++i) block[i] = vld1q_u8(data + i * block_size);

@@ -226,11 +226,18 @@ inline vector load_words(const uint32_t *words)
 
 /// Permutes: byte n of the result is the table's byte at index n, or 0 where the index has bit 7.
 struct by_byte {
-    // The tables fit a cache line: which byte is read does not show there.
+    // A table fits a cache line: which of its bytes is read does not show there.
     static vector pick(vector from, vector index)
     {
+        struct alignas(block_size) {
+            uint8_t from[block_size], index[block_size];
+        } place;
+        store(place.from, from);
+        store(place.index, index);
         vector result;
-        for (unsigned n = 0; n < block_size; ++n) result[n] = from[index[n] & 15];
+        for (unsigned n = 0; n < block_size; ++n) result[n] = place.from[place.index[n] & 15];
+        memset(&place, 0, sizeof place);
+        vela::settle(place); // wiped, whatever the compiler thinks of it
         return result & ~(vector)(index > 0x7f);
     }
 };
@@ -368,6 +375,7 @@ template <class Permute> struct cipher {
             k ^= move(k, key_schedule.up_2);
             s.key[round] = k ^= word;
         }
+        vela::settle(s);
     }
 
     static vector doubled(vector v) { return v << 1 ^ ((vector)(v > 0x7f) & 0x1b); }

@@ -67,6 +67,7 @@ with_aes inline void expand(schedule &s, const uint8_t *key)
         k = _mm_xor_si128(k, _mm_slli_si128(k, 8));
         s.key[round] = k = _mm_xor_si128(k, word);
     }
+    vela::settle(s);
 }
 
 with_aes inline void expand_inverted(schedule &s, const uint8_t *key)
@@ -98,8 +99,9 @@ with_aes void cbc_encrypt(const uint8_t *key, const uint8_t *iv, uint8_t *data, 
 }
 
 /// Decrypts the next n blocks and moves on; previous is the ciphertext before them.
-template <size_t n> with_aes inline void cbc_decrypt_some(const schedule &s, __m128i &previous, uint8_t *&data)
+template <size_t n> with_aes inline void cbc_decrypt_some(schedule &s, __m128i &previous, uint8_t *&data)
 {
+    vela::settle(s); // there are not registers enough for all of it: no key is to wait on the stack
     __m128i block[n];
 #pragma GCC unroll 8
     for (size_t i = 0; i < n; ++i) block[i] = _mm_xor_si128(load(data + i * block_size), s.key[0]);

@@ -6,6 +6,9 @@
 namespace vela
 {
 
+/// Has later code read a value from its place again, instead of keeping copies that may spill to the stack.
+template <class T> inline void settle(T &value) { asm volatile("" : "+m"(value)); }
+
 /// A value that its destructor wipes.
 template <class T> struct secret {
     T value;
