@@ -45,7 +45,8 @@ int get_afc_state(void)
 void set_afc_state(unsigned state)
 {
     if (state != AFC_LOCATION_UNKNOWN) (void)clear_location_request_id(); // often there is none
-    syswrapper_impl(wait_for_it, set_state_command, state < AFC_STATES ? afc_state_strs[state] : afc_state_strs[AFC_UNKNOWN], nullptr);
+    syswrapper_impl(wait_for_it, set_state_command,
+                    state < AFC_STATES ? afc_state_strs[state] : afc_state_strs[AFC_UNKNOWN], nullptr);
 }
 
 void set_location_request_id(const char *id)

@@ -1,0 +1,148 @@
+#include "command.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+#include <vela/core/util.h>
+
+namespace velactl
+{
+namespace
+{
+
+std::string as_text(const json_t *value)
+{
+    switch (json_typeof(value)) {
+    case JSON_STRING: return json_string_value(value);
+    case JSON_INTEGER: return std::to_string(json_integer_value(value));
+    case JSON_TRUE: return "yes";
+    case JSON_FALSE: return "no";
+    case JSON_NULL: return "-";
+    default: break;
+    }
+    char *dumped = json_dumps(value, JSON_COMPACT | JSON_ENCODE_ANY);
+    const std::string text = dumped ? dumped : "";
+    free(dumped);
+    return text;
+}
+
+std::string list(const json_t *array)
+{
+    std::string text;
+    for (size_t i = 0; i < json_array_size(array); ++i) {
+        text += (i ? ", " : "") + as_text(json_array_get(array, i));
+    }
+    return text;
+}
+
+bool is_table(const json_t *value) { return json_array_size(value) != 0 && json_is_object(json_array_get(value, 0)); }
+
+void print_row(const std::vector<std::string> &cells, const std::vector<size_t> &widths)
+{
+    std::string line;
+    for (size_t i = 0; i < cells.size(); ++i) {
+        line += cells[i];
+        if (i + 1 != cells.size()) line.append(widths[i] - cells[i].size() + 2, ' ');
+    }
+    puts(line.c_str());
+}
+
+// Columns are the members of the first row.
+void print_table(const json_t *rows)
+{
+    std::vector<std::vector<std::string>> cells(1);
+    const char *key = nullptr;
+    json_t *member = nullptr;
+    json_object_foreach(json_array_get(rows, 0), key, member) { cells[0].emplace_back(key); }
+    for (size_t i = 0; i < json_array_size(rows); ++i) {
+        auto &row = cells.emplace_back();
+        for (const auto &column : cells[0]) {
+            const json_t *cell = json_object_get(json_array_get(rows, i), column.c_str());
+            row.push_back(cell ? as_text(cell) : "-");
+        }
+    }
+    std::vector<size_t> widths(cells[0].size());
+    for (const auto &row : cells) {
+        for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
+    }
+    for (const auto &row : cells) print_row(row, widths);
+}
+
+void print_object(json_t *value)
+{
+    size_t width = 0;
+    const char *key = nullptr;
+    json_t *member = nullptr;
+    json_object_foreach(value, key, member)
+    {
+        if (!is_table(member)) width = std::max(width, std::string(key).size());
+    }
+    json_object_foreach(value, key, member)
+    {
+        if (is_table(member)) {
+            printf("\n%s:\n", key);
+            print_table(member);
+        } else {
+            const std::string text = json_is_array(member) ? list(member) : as_text(member);
+            printf("%-*s  %s\n", static_cast<int>(width), key, text.c_str());
+        }
+    }
+}
+
+} // namespace
+
+json object() { return json{json_object()}; }
+
+void set(const json &object, const char *key, const char *value)
+{
+    if (value) set(object, key, std::string(value));
+}
+
+void set(const json &object, const char *key, const std::string &value)
+{
+    std::string clean = value; // names come from the air
+    utf8_sanitize(clean.data());
+    json_object_set_new(object.get(), key, json_string(clean.c_str()));
+}
+
+void set(const json &object, const char *key, long long value)
+{
+    json_object_set_new(object.get(), key, json_integer(value));
+}
+
+void set_flag(const json &object, const char *key, bool value)
+{
+    json_object_set_new(object.get(), key, json_boolean(value));
+}
+
+void set(const json &object, const char *key, json value) { json_object_set_new(object.get(), key, value.release()); }
+
+void append(const json &array, json value) { json_array_append_new(array.get(), value.release()); }
+
+long long number(const char *text, const char *what)
+{
+    char *end = nullptr;
+    errno = 0;
+    const long long value = strtoll(text, &end, 0);
+    if (errno != 0 || end == text || *end != '\0') {
+        throw trouble(status::misused, std::string(what) + " must be a whole number, not \"" + text + "\"");
+    }
+    return value;
+}
+
+void print(const json_t *value)
+{
+    if (is_table(value)) {
+        print_table(value);
+    } else if (json_is_object(value)) {
+        print_object(const_cast<json_t *>(value));
+    } else if (json_is_array(value)) {
+        for (size_t i = 0; i < json_array_size(value); ++i) puts(as_text(json_array_get(value, i)).c_str());
+    } else {
+        puts(as_text(value).c_str());
+    }
+}
+
+} // namespace velactl

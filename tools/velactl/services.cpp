@@ -1,0 +1,86 @@
+// Daemons on the device and services outside it.
+#include "command.h"
+
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+#include <vector>
+#include <vela/ipc/ctrl-proto.h>
+#include <vela/telemetry/crash.h>
+#include <vela/telemetry/trace.h>
+
+namespace velactl
+{
+namespace
+{
+
+json op(arguments given)
+{
+    const timeval timeout = {5, 0};
+    json reply{service_simple_op(given[0], &timeout)};
+    if (!reply) throw trouble(status::failed, "the management daemon gave no answer to this; try velactl -v op ...");
+    return reply;
+}
+
+std::vector<char> read_dump(const char *path)
+{
+    std::ifstream file(path, std::ios::binary);
+    if (!file) throw trouble(status::misused, std::string("cannot read ") + path);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+uint32_t crash_kind(const std::string &name)
+{
+    const auto *const found = std::find(std::begin(crash_type_strs), std::end(crash_type_strs), name);
+    if (found != std::end(crash_type_strs)) return static_cast<uint32_t>(found - crash_type_strs);
+    std::string known;
+    for (const char *kind : crash_type_strs) known += std::string(" ") + kind;
+    throw trouble(status::misused, "unknown kind \"" + name + "\"; known are" + known);
+}
+
+json crash(arguments given)
+{
+    crash_info info = {};
+    info.type = crash_kind(given[0]);
+    info.name = given[1];
+    info.pid = static_cast<int32_t>(number(given[2], "PID"));
+    info.signal = static_cast<int32_t>(number(given[3], "SIGNAL"));
+    info.number_of_crashes = 1;
+    std::vector<char> dump;
+    if (given.size() > 4) dump = read_dump(given[4]);
+    info.data = reinterpret_cast<decltype(info.data)>(dump.data());
+    info.size = static_cast<uint32_t>(dump.size());
+    if (send_crash(&info) != 0)
+        throw trouble(status::failed, "the report was not accepted; velactl -v crash ... says why");
+    return nullptr;
+}
+
+json trace(arguments given)
+{
+    json_error_t error;
+    json_t *payload = json_loads(given[2], 0, &error);
+    if (!json_is_object(payload)) {
+        json_decref(payload);
+        throw trouble(status::misused, std::string("PAYLOAD must be a JSON object: ") + error.text);
+    }
+    static const char *const outcomes[] = {"accepted", "failed", "too early after a failure", "given up",
+                                           "analytics are off"};
+    const int result = send_trace_simple(given[0], given[1], payload);
+    if (result != 0) {
+        throw trouble(status::failed,
+                      std::string("not sent: ") + (result > 0 && result < 5 ? outcomes[result] : "no envelope"));
+    }
+    return nullptr;
+}
+
+constexpr command commands[] = {
+    {"op", "NAME", "ask the management daemon", 1, 1, op},
+    {"crash", "KIND NAME PID SIGNAL [DUMP]", "send a crash report", 4, 5, crash},
+    {"trace", "NAMESPACE TYPE PAYLOAD", "send one telemetry trace", 3, 3, trace},
+};
+
+} // namespace
+
+const std::span<const command> service_commands{commands};
+
+} // namespace velactl
