@@ -72,69 +72,40 @@ TEST_F(Trace, SettersKeepWhatTheirRuleAllowsAndTakeTheReferenceAlways)
     const std::string strings = "must be an object containing only string values";
     const struct {
         int (*set)(json_t *, json_t *);
-        const char *key;
+        const char *member; // in its function's name
         std::vector<const char *> allowed, refused;
         std::string complaint;
     } setters[] = {
-        {trace_object_set_timestamp_new,
-         "timestamp",
-         {"0", "-5"},
-         {"1.5", "\"1\"", "{}"},
-         "Trace timestamp must be an integer"},
-        {trace_object_set_type_new, "type", {"\"\"", "\"t\""}, {"1", "[\"t\"]"}, "Trace type must be a string"},
-        {trace_object_set_namespace_new, "namespace", {"\"n\""}, {"7", "{}"}, "Trace namespace must be a string"},
-        {trace_object_set_source_new,
-         "source",
-         {"{}", R"({"a":"b"})"},
-         {"[]", R"({"a":"b","c":1})", "\"a\""},
-         "Trace source " + strings},
-        {trace_object_set_meta_new, "meta", {"{}", R"({"a":"b"})"}, {"[]", R"({"a":null})"}, "Trace meta " + strings},
-        {trace_object_set_payload_new, "payload", {"{}", R"({"a":[1,"ü"]})"}, {"[]", "\"a\""}, ""},
+        {trace_object_set_timestamp_new, "timestamp", {"-5"}, {"1.5", "\"1\""}, "Trace timestamp must be an integer"},
+        {trace_object_set_type_new, "type", {"\"\""}, {"1", "[\"t\"]"}, "Trace type must be a string"},
+        {trace_object_set_namespace_new, "namespace", {"\"n\""}, {"7"}, "Trace namespace must be a string"},
+        {trace_object_set_source_new, "source", {"{}"}, {"[]", R"({"a":"b","c":1})"}, "Trace source " + strings},
+        {trace_object_set_meta_new, "meta", {R"({"a":"b"})"}, {"\"a\"", R"({"a":[]})"}, "Trace meta " + strings},
+        {trace_object_set_payload_new, "payload", {R"({"a":[1,"ü"]})"}, {"[]", "\"a\""}, ""},
     };
-    for (const auto &s : setters) {
-        const auto check = [&](const char *text, bool allowed) {
-            json_t *value = parsed(text);
-            json_t *trace = trace_object();
-            json_incref(value);
-            EXPECT_EQ(allowed ? 0 : -1, s.set(trace, value)) << s.key << " " << text;
-            const bool payload = strcmp(s.key, "payload") == 0;
-            EXPECT_EQ(allowed && !payload ? 2U : 1U, value->refcount) << s.key << " " << text;
-            if (allowed && !payload) {
-                EXPECT_EQ(value, json_object_get(trace, s.key));
-            }
-            if (allowed && payload) {
-                const json_t *stored = json_object_get(trace, "payload");
-                EXPECT_STREQ("application/json", json_string_value(json_object_get(stored, "contentType")));
-                EXPECT_STREQ(text, json_string_value(json_object_get(stored, "data")));
-            }
-            EXPECT_EQ(-1, s.set(nullptr, json_incref(value))) << "no trace";
-            EXPECT_EQ(-1, s.set(trace, nullptr)) << "no value";
-            log.take();
-            if (!allowed) {
-                EXPECT_EQ(-1, s.set(trace, json_incref(value)));
-                if (payload) {
-                    EXPECT_THAT(log.take(), IsEmpty());
-                } else {
-                    EXPECT_THAT(log.take(),
-                                ElementsAre(log_line{"trace", "trace",
-                                                     std::string("trace_object_set_") + s.key + "_new", s.complaint}));
-                }
-            }
-            trace_decref(trace);
-            EXPECT_EQ(1U, value->refcount) << s.key << " " << text;
-            json_decref(value);
-        };
-        for (const char *text : s.allowed) check(text, true);
-        for (const char *text : s.refused) check(text, false);
-    }
-    json_t *endless = json_object();
-    json_t *inner = json_object();
-    json_object_set_new(endless, "a", inner);
-    json_object_set(inner, "b", endless);
     json_t *trace = trace_object();
+    for (const auto &s : setters) {
+        for (const char *text : s.allowed) EXPECT_EQ(0, s.set(trace, parsed(text))) << s.member << " " << text;
+        for (const char *text : s.refused) {
+            json_t *value = parsed(text);
+            EXPECT_EQ(-1, s.set(trace, json_incref(value))) << s.member << " " << text;
+            EXPECT_EQ(1U, value->refcount) << s.member << " " << text;
+            json_decref(value);
+        }
+        EXPECT_EQ(-1, s.set(nullptr, parsed(s.allowed[0]))) << "no trace";
+        EXPECT_EQ(-1, s.set(trace, nullptr)) << "no value";
+        const std::string function = std::string("trace_object_set_") + s.member + "_new";
+        const size_t told = s.complaint.empty() ? 0 : s.refused.size() + 1;
+        EXPECT_EQ(std::vector<log_line>(told, {"trace", "trace", function, s.complaint}), log.take());
+    }
+    EXPECT_EQ(R"({"timestamp":-5,"type":"","namespace":"n","source":{},"meta":{"a":"b"},"payload":)"
+              R"({"contentType":"application/json","data":"{\"a\":[1,\"ü\"]}"}})",
+              compact(trace));
+    json_t *endless = json_object(); // no text can be made of it
+    json_object_set_new(endless, "a", json_pack("{s:O}", "b", endless));
     EXPECT_EQ(-1, trace_object_set_payload_new(trace, json_incref(endless)));
     EXPECT_THAT(log.texts(), ElementsAre("Failed to create payload object"));
-    json_object_clear(inner);
+    json_object_clear(json_object_get(endless, "a"));
     json_decref(endless);
     EXPECT_EQ(-1, trace_array_append_new(trace, json_object()));
     trace_decref(trace);
@@ -173,22 +144,13 @@ TEST_F(Trace, EnvelopeCarriesTheDeviceAndTheCallersMeta)
     json_t *meta = parsed(R"({"timestamp":"then","type":"boot","meta":{"mine":"kept"},"source":["no object"]})");
     json_t *inner = json_object_get(meta, "meta");
     EXPECT_EQ(0, send_traces(batch, meta));
-    requests = service.requests();
-    sent = parsed(requests.at(0).body);
-    outer = json_object_get(sent, "meta");
-    EXPECT_EQ("\"then\"", compact(json_object_get(outer, "timestamp")));
-    EXPECT_EQ("\"boot\"", compact(json_object_get(outer, "type")));
-    EXPECT_EQ("{}", compact(json_object_get(outer, "source")));
-    json_t *sent_inner = json_object_get(outer, "meta");
-    EXPECT_STREQ("kept", json_string_value(json_object_get(sent_inner, "mine")));
-    EXPECT_STREQ("unknown", json_string_value(json_object_get(sent_inner, "controller.version")));
-    EXPECT_STREQ("false", json_string_value(json_object_get(sent_inner, "is_internal")));
-    EXPECT_EQ(nullptr, json_object_get(sent_inner, "anonymous_site_id"));
-    EXPECT_TRUE(json_equal(inner, sent_inner)) << "the caller's object is shared, not copied";
-    EXPECT_EQ(1U, meta->refcount);
-    EXPECT_EQ(1U, inner->refcount);
-    EXPECT_EQ(1U, batch->refcount);
-    json_decref(sent);
+    EXPECT_STREQ("unknown", json_string_value(json_object_get(inner, "controller.version"))) << "shared, not copied";
+    EXPECT_STREQ("false", json_string_value(json_object_get(inner, "is_internal")));
+    EXPECT_EQ(nullptr, json_object_get(inner, "anonymous_site_id"));
+    EXPECT_EQ(R"({"meta":{"timestamp":"then","type":"boot","meta":)" + compact(inner) +
+                  R"(,"source":{}},"traces":[{"type":"t"}]})",
+              service.requests().at(0).body);
+    for (const json_t *value : {meta, inner, batch}) EXPECT_EQ(1U, value->refcount);
     json_decref(meta);
 }
 
@@ -199,19 +161,21 @@ TEST_F(Trace, OtherOutcomesSendNothingOrFailOnce)
     json_t *object = json_object();
     EXPECT_EQ(-1, send_traces(object, nullptr));
     EXPECT_EQ(-1, send_traces(nullptr, nullptr));
-    EXPECT_THAT(log.take(), ElementsAre(log_line{"trace", "trace", "send_traces", "Traces must be an array"},
-                                        log_line{"trace", "trace", "send_traces", "Traces must be an array"}));
     site::put_file("/var/run/system.analytics.mode", "0\n");
     EXPECT_EQ(4, send_traces(object, nullptr)) << "analytics come before everything";
     EXPECT_EQ(4, send_trace_with_meta(object, object));
     EXPECT_EQ(4, send_trace_simple("n", "t", json_object()));
     EXPECT_THAT(service.requests(), IsEmpty());
-    site::put_file("/var/run/system.analytics.mode", "1\n");
+    site::remove_file("/var/run/system.analytics.mode");
     EXPECT_EQ(1, send_trace_with_meta(object, nullptr));
-    EXPECT_THAT(log.take(),
-                Contains(log_line{"trace", "trace", "send_traces", "PUT '" + url + "' failed: [404] no such thing"}));
     EXPECT_EQ(0, send_trace_with_meta(object, nullptr)) << "an answer, even this one, leaves no waiting";
     EXPECT_EQ(1U, object->refcount);
+    const log_line no_array = {"trace", "trace", "send_traces", "Traces must be an array"};
+    auto lines = log.take();
+    std::erase_if(lines, [](const auto &line) { return line.module != "trace"; });
+    EXPECT_THAT(
+        lines, ElementsAre(no_array, no_array,
+                           log_line{"trace", "trace", "send_traces", "PUT '" + url + "' failed: [404] no such thing"}));
 
     if (faults::can_refuse_memory) {
         site::remove_file("/tmp/system.cfg"); // reading it without memory would end the process
@@ -229,29 +193,34 @@ TEST_F(Trace, OtherOutcomesSendNothingOrFailOnce)
 TEST_F(Trace, EachFailureBeyondTheFourthDoublesTheWait)
 {
     const leak_check leaks;
-    const auto refused = std::string("PUT '") + url + "' failed: [7] Couldn't connect to server";
-    for (int attempt = 1; attempt <= 5; ++attempt) EXPECT_EQ(1, send_traces(batch, nullptr)) << attempt;
-    EXPECT_EQ(2, send_traces(batch, nullptr)) << "a second to wait";
+    const auto five_failures = [&] {
+        for (int attempt = 1; attempt <= 5; ++attempt) EXPECT_EQ(1, send_traces(batch, nullptr)) << attempt;
+        EXPECT_EQ(2, send_traces(batch, nullptr)) << "a second to wait";
+    };
+    five_failures();
     {
         site::collector service(service_names);
         clock_offset_ms += 1000;
-        EXPECT_EQ(1, send_traces(batch, nullptr)) << "404";
+        EXPECT_EQ(1, send_traces(batch, nullptr)) << "404, and all is forgotten";
     }
-    for (int attempt = 1; attempt <= 5; ++attempt)
-        EXPECT_EQ(1, send_traces(batch, nullptr)) << attempt << " after an answer";
+    five_failures();
     for (int64_t wait_ms = 1000; wait_ms <= 65'536'000; wait_ms *= 2) {
         clock_offset_ms += wait_ms - 500;
         EXPECT_EQ(2, send_traces(batch, nullptr)) << wait_ms;
         clock_offset_ms += 500;
         EXPECT_EQ(1, send_traces(batch, nullptr)) << wait_ms;
     }
-    site::collector service(service_names);
-    clock_offset_ms += 365LL * 24 * 3600 * 1000;
-    EXPECT_EQ(3, send_traces(batch, nullptr)) << "for good";
-    EXPECT_THAT(service.requests(), IsEmpty());
+    {
+        site::collector service(service_names);
+        clock_offset_ms += 365LL * 24 * 3600 * 1000;
+        EXPECT_EQ(3, send_traces(batch, nullptr)) << "for good";
+        EXPECT_THAT(service.requests(), IsEmpty());
+    }
     EXPECT_EQ(1U, batch->refcount);
     const auto texts = log.texts();
-    EXPECT_EQ(1, std::count(texts.begin(), texts.end(), refused)) << "told once";
+    EXPECT_EQ(1, std::count(texts.begin(), texts.end(), "PUT '" + url + "' failed: [7] Couldn't connect to server"))
+        << "told once";
+    leaks.expect_unchanged();
 }
 
 TEST_F(Trace, ReferenceCountsCanBeSeen)
