@@ -1,5 +1,6 @@
 // Two devices on one wire: this world and a second network, each with a bridge br0, joined by a veth pair.
 #include "site/device.h"
+#include "site/wire.h"
 #include "site/world.h"
 #include "tests/support/leaks.h"
 #include "tests/support/log_lines.h"
@@ -7,10 +8,7 @@
 #include <arpa/inet.h>
 #include <csignal>
 #include <event2/event.h>
-#include <fcntl.h>
-#include <functional>
 #include <gmock/gmock.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <vela/discovery/protocol.h>
 
@@ -32,53 +30,6 @@ std::string configuration(const char *with_key = key, const char *with_group = g
 }
 
 void must_run(const std::string &commands) { ASSERT_EQ(0, site::run("set -e; " + commands)) << commands; }
-
-void lay_bridge(const char *address, const char *port)
-{
-    must_run(
-        std::string("ip link add br0 type bridge forward_delay 0 mcast_snooping 0; ip link set br0 up; ip link set ") +
-        port + " master br0 up; ip address add " + address + "/24 dev br0; ip route add 224.0.0.0/4 dev br0");
-}
-
-/// The other device: a process in a network of its own that does as told.
-class other_device
-{
-public:
-    explicit other_device(const std::function<void()> &acts)
-    {
-        int ready[2];
-        EXPECT_EQ(0, pipe2(ready, O_CLOEXEC));
-        EXPECT_EQ(0, pipe2(go_, O_CLOEXEC));
-        pid_ = fork();
-        if (pid_ == 0) {
-            site::leave_network();
-            EXPECT_EQ(1, write(ready[1], "r", 1));
-            char c;
-            EXPECT_EQ(1, read(go_[0], &c, 1)); // until the wire is laid
-            lay_bridge("192.168.9.2", "far");
-            must_run("until ip -o link show br0 | grep -q 'state UP'; do sleep 0.05; done; sleep 0.3");
-            acts();
-            _exit(testing::Test::HasFailure());
-        }
-        char c;
-        EXPECT_EQ(1, read(ready[0], &c, 1));
-        close(ready[0]), close(ready[1]), close(go_[0]);
-        must_run("ip link add near type veth peer name far netns " + std::to_string(pid_));
-        lay_bridge("192.168.9.1", "near");
-    }
-    void go() { EXPECT_EQ(1, write(go_[1], "g", 1)); }
-    void join()
-    {
-        int status = 0;
-        EXPECT_EQ(pid_, waitpid(pid_, &status, 0));
-        EXPECT_EQ(0, status);
-        close(go_[1]);
-    }
-
-private:
-    int go_[2];
-    pid_t pid_;
-};
 
 std::vector<std::string> heard;
 int ready_calls = 0;
@@ -184,12 +135,12 @@ TEST(Protocol, PacketsReachTheHandlersOfTheirMethod)
 {
     site::lay_out_device();
     site::put_file(info_path, configuration());
-    other_device sender([] {
+    site::second_device sender([] {
         site::put_file(address_path, "192.168.9.2\n");
         if (vela_protocol_init(1) != 0) _exit(7);
         const auto send = [](const char *text, uint16_t method, uint16_t sequence) {
             vela_protocol_ctrl.tx_seq = sequence;
-            EXPECT_EQ(40 + 16, vela_protocol_send(text, static_cast<uint32_t>(strlen(text)), method, 1, 1));
+            if (vela_protocol_send(text, static_cast<uint32_t>(strlen(text)), method, 1, 1) != 40 + 16) _exit(6);
         };
         send("one", 2, 7);
         send("repeat", 2, 7);
@@ -208,7 +159,7 @@ TEST(Protocol, PacketsReachTheHandlersOfTheirMethod)
         if (vela_protocol_client_init() != 0) _exit(8);
         vela_protocol_ctrl.tx_seq = 10;
         vela_protocol_client_event_mesh_halt_send();
-        EXPECT_EQ(-1, vela_protocol_ctrl.fd);
+        if (vela_protocol_ctrl.fd != -1) _exit(9);
     });
     site::put_file(address_path, "192.168.9.1\n");
     log_lines log("info");
@@ -226,7 +177,7 @@ TEST(Protocol, PacketsReachTheHandlersOfTheirMethod)
                                            testing::Each(log_line{"error", "vela_protocol", "vela_protocol_init_recv",
                                                                   "failed to decrypt the message: 1"})))
         << "plain, too long, another key";
-    sender.join();
+    EXPECT_EQ(0, sender.join());
     vela_protocol_deinit();
     event_base_free(base);
     EXPECT_EQ(std::string::npos, site::output_of("ip maddress show dev br0").find(group));
@@ -236,7 +187,7 @@ TEST(Protocol, AHandlerMayEndTheProtocol)
 {
     site::lay_out_device();
     site::put_file(info_path, configuration());
-    other_device sender([] {
+    site::second_device sender([] {
         site::put_file(address_path, "192.168.9.2\n");
         if (vela_protocol_init(1) != 0) _exit(7);
         vela_protocol_ctrl.tx_seq = 3;
@@ -250,7 +201,7 @@ TEST(Protocol, AHandlerMayEndTheProtocol)
     EXPECT_THAT(heard, testing::IsEmpty());
     EXPECT_EQ(-1, vela_protocol_ctrl.fd);
     EXPECT_EQ(0, vela_protocol_ctrl.rx_seq) << "a cleared record stays cleared";
-    sender.join();
+    EXPECT_EQ(0, sender.join());
     event_base_free(base);
 }
 

@@ -8,5 +8,7 @@ int main()
     site::story story("libvela on a simulated site: own namespaces, own /proc, /etc, /tmp and log file");
     tell_of_the_device(story);
     tell_of_a_crash(story);
+    tell_of_local_ipc(story);
+    tell_of_discovery(story);
     return story.end();
 }

@@ -5,3 +5,5 @@
 
 void tell_of_the_device(site::story &story);
 void tell_of_a_crash(site::story &story);
+void tell_of_local_ipc(site::story &story);
+void tell_of_discovery(site::story &story);
