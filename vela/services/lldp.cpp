@@ -193,9 +193,7 @@ int port_id(const board_record &board, const char *port, int fallback)
 
 int local_port_id(const char *port, bool has_chassis_id, const char *neighbour_port_id)
 {
-    static constexpr board_record no_board = {};
-    const board_record *identified = board_identify();
-    const board_record &board = identified ? *identified : no_board;
+    const board_record &board = *board_identify();
     const int number = port_number(port);
 
     int candidate = has_chassis_id ? port_id(board, port, number) : no_port;
