@@ -129,6 +129,27 @@ TEST(Cfg, SavesWhatItReadsBack)
     EXPECT_EQ("# CFG Start\n", site::read_file(path));
 }
 
+// Freed as parsed, with texts of the program's own in it, and made record by record: the sanitizers count.
+TEST(Cfg, FreesTextsAndRecordsWhoeverMadeThem)
+{
+    FILE *stream = tmpfile();
+    fputs("a=1 \nb=2 \nc=3 \n", stream);
+    rewind(stream);
+    cfg_entry *cfg = parse_stream(stream);
+    fclose(stream);
+    cfg->next->value = strdup("replaced");
+    cfg->next->key = strdup("key");
+    for (const char *key : {"d", "e"}) {
+        auto *record = static_cast<cfg_entry *>(calloc(1, sizeof(cfg_entry)));
+        record->key = strdup(key);
+        record->value = strdup("$");
+        cfg = cfg_it_append(cfg, &record);
+    }
+    EXPECT_STREQ("\\$", get_esc_value(cfg, nullptr, "e"));
+    EXPECT_STREQ("replaced", get_value(cfg, nullptr, "key"));
+    free_cfg(cfg);
+}
+
 TEST(Cfg, LongLinesAndKeys)
 {
     for (const size_t n : {1U, 7U, 8U, 126U, 127U, 128U, 254U, 255U, 256U, 16370U, 16383U, 16384U, 16385U, 1U << 20}) {

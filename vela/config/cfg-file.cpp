@@ -1,7 +1,8 @@
 // A configuration file is read whole and looked at twice: once to count, once to fill. What comes out is one block: the
 // records, side by side in the order of the file, and behind them their texts, each pair starting on a word (see
-// cfg-key.h). The first record stands at the block's start, so freeing it frees all.
+// cfg-key.h). The first record stands at the block's start.
 
+#include <malloc.h>
 #include <optional>
 #include <vela/config/internal/cfg-key.h>
 #include <vela/config/internal/cfg-value.h>
@@ -128,6 +129,30 @@ cfg_entry *build(std::string_view file)
     return records;
 }
 
+/// The block that a record starts. What the parser makes is one block; a program may have put texts of its own in its
+/// place, or have made a list record by record.
+class block_of_records
+{
+public:
+    explicit block_of_records(cfg_entry *first) : start_{first}, size_{malloc_usable_size(first)} {}
+    block_of_records(const block_of_records &) = delete;
+    block_of_records &operator=(const block_of_records &) = delete;
+    ~block_of_records() { free(start_); }
+
+    [[nodiscard]] bool holds(const void *p) const
+    {
+        return p && reinterpret_cast<uintptr_t>(p) - reinterpret_cast<uintptr_t>(start_) < size_;
+    }
+    void release_unless_inside(char *text) const
+    {
+        if (!holds(text)) free(text);
+    }
+
+private:
+    cfg_entry *start_;
+    size_t size_;
+};
+
 void write_entries(const cfg_entry *cfg, FILE *out)
 {
     for (; cfg; cfg = cfg->next) (void)fprintf(out, line_format, cfg->key, cfg->value); // the stream keeps the failure
@@ -150,10 +175,16 @@ cfg_entry *parse_stream(FILE *stream)
 
 void free_cfg(cfg_entry *cfg)
 {
-    for (const cfg_entry *entry = cfg; entry; entry = entry->next) {
-        if (entry->escaped != entry->value) free(entry->escaped);
+    while (cfg) {
+        const block_of_records block{cfg};
+        do {
+            const cfg_entry entry = *cfg;
+            if (entry.escaped != entry.value) free(entry.escaped);
+            block.release_unless_inside(entry.key);
+            block.release_unless_inside(entry.value);
+            cfg = entry.next;
+        } while (block.holds(cfg));
     }
-    free(cfg);
 }
 
 void print_cfg(const cfg_entry *cfg) { write_entries(cfg, stdout); }

@@ -36,8 +36,9 @@ extern "C" {
 
 typedef struct cfg_entry cfg_entry;
 /**
- * One record. Its texts belong to the configuration and live as long: they are read, not freed or replaced. All records
- * of a configuration and their texts are one block, which free_cfg() gives back.
+ * One record. Its texts belong to the configuration and live as long. All records of a parsed configuration and their
+ * texts are one block; a program may put a text of its own, from malloc, in the place of one, or make a list record by
+ * record: free_cfg() gives back either.
  */
 struct cfg_entry {
     char *key;
