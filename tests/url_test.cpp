@@ -5,10 +5,14 @@
 #include <arpa/inet.h>
 #include <cstring>
 #include <dlfcn.h>
+#include <functional>
 #include <gmock/gmock.h>
+#include <map>
 #include <memory>
+#include <regex>
 #include <sstream>
 #include <sys/un.h>
+#include <unistd.h>
 #include <vela/net/url.h>
 
 using testing::ElementsAre;
@@ -20,6 +24,7 @@ struct destroyer {
     void operator()(url *u) const { url_destroy(u); }
 };
 using url_ptr = std::unique_ptr<url, destroyer>;
+using heap_text = std::unique_ptr<char, decltype([](char *text) { free(text); })>;
 
 addrinfo *scripted; ///< the answer to every lookup, where there is one
 
@@ -238,8 +243,8 @@ TEST(Url, AnswersAreLoggedAtTrace)
     std::string texts;
     for (const auto &line : log.take()) {
         texts += line.text + "|";
-        if (texts.find('|') + 1 < texts.size())
-            EXPECT_EQ("debug libvela dump_addrinfo", line.level + " " + line.module + " " + line.function);
+        EXPECT_EQ("debug libvela", line.level + " " + line.module);
+        EXPECT_EQ(line.text.starts_with("url:") ? "url_resolve" : "dump_addrinfo", line.function);
     }
     EXPECT_EQ(
         "url: http://scripted/|Protocol:\t6 (tcp)|Socket Address (len=16):|  Port:\t\t81|  IPv4 Address:\t192.0.2.1|"
@@ -250,26 +255,34 @@ TEST(Url, AnswersAreLoggedAtTrace)
 
 TEST(Url, EncodesForQueries)
 {
-    char *encoded = url_encode("a b&cAZaz09-._~@[`{/:\x01\x7f\x80\xff+%");
-    EXPECT_STREQ("a+b%26cAZaz09-._~%40%5b%60%7b%2f%3a%01%7f%80%ff%2b%25", encoded);
-    free(encoded);
-    encoded = url_encode("");
-    EXPECT_STREQ("", encoded);
-    free(encoded);
+    const auto encode = [](const char *text) { return std::string(heap_text{url_encode(text)}.get()); };
+    EXPECT_EQ("a+b%26cAZaz09-._~%40%5b%60%7b%2f%3a%01%7f%80%ff%2b%25",
+              encode("a b&cAZaz09-._~@[`{/:\x01\x7f\x80\xff+%"));
+    EXPECT_EQ("", encode(""));
 }
 
 TEST(Url, WithoutMemoryThereIsNoRecord)
 {
     if (!faults::can_refuse_memory) GTEST_SKIP() << "no allocation faults under the address sanitizer";
+    const int system_log = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const sockaddr_un address = {AF_UNIX, "/dev/log"};
+    ASSERT_EQ(0, bind(system_log, reinterpret_cast<const sockaddr *>(&address), sizeof address));
+    std::map<std::string, int> complaints;
     const char *text = "http://u@host:81/p";
     const url_ptr source{url_parse(text)};
     int made = 0;
-    faults::for_each_allocation([&] { made += url_ptr{url_parse(text)} != nullptr; });
-    faults::for_each_allocation([&] { made += url_ptr{url_copy(source.get())} != nullptr; });
-    faults::for_each_allocation([&] {
-        char *encoded = url_encode("x");
-        made += encoded != nullptr;
-        free(encoded);
-    });
+    const std::function<bool()> calls[] = {[&] { return url_ptr{url_parse(text)} != nullptr; },
+                                           [&] { return url_ptr{url_copy(source.get())} != nullptr; },
+                                           [&] { return heap_text{url_encode("x")} != nullptr; }};
+    for (const auto &call : calls) {
+        faults::for_each_allocation([&] {
+            made += call();
+            char record[256] = {};
+            if (recv(system_log, record, sizeof record - 1, MSG_DONTWAIT) <= 0) return;
+            ++complaints[std::regex_replace(record, std::regex("^<11>.*: (\\w+):\\d+( url oom)\n*$"), "$1$2")];
+        });
+    }
     EXPECT_EQ(3, made) << "only those that lacked nothing";
+    EXPECT_THAT(complaints, ElementsAre(std::pair{"url_copy url oom", 7}, std::pair{"url_parse url oom", 3}));
+    close(system_log);
 }
