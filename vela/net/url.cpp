@@ -102,9 +102,8 @@ std::optional<parts> split(std::string_view rest)
     auto authority = vela::first(rest, end);
 
     if (const size_t at = rest.find('@'); at != none) {
-        if (at >= authority.size()) return {};
         p.userinfo = vela::first(authority, at);
-        authority = vela::after(authority, at + 1);
+        authority = vela::after(authority, at + 1); // nothing, where it is the path's: that leaves no host
     }
     if (!split_authority(authority, p) || p.host.empty()) return {};
     return p;
