@@ -23,7 +23,7 @@ std::string as_text(const json_t *value)
     default: break;
     }
     char *dumped = json_dumps(value, JSON_COMPACT | JSON_ENCODE_ANY);
-    const std::string text = dumped ? dumped : "";
+    std::string text = dumped ? dumped : "";
     free(dumped);
     return text;
 }

@@ -61,7 +61,8 @@ int32_t interpolate(std::span<const segment> segments, float x)
 int32_t phy_rate_score(const vela_station &s)
 {
     if (s.tx_rate == 0 || s.freq < 4800) return best;
-    const auto x = static_cast<float>(uint64_t{s.tx_rate} * s.radio_health / 100);
+    const uint64_t effective_rate = uint64_t{s.tx_rate} * s.radio_health / 100;
+    const auto x = static_cast<float>(effective_rate);
     const std::span<const segment> segments = s.freq <= 5000 ? segments_up_to_5000_mhz : segments_above_5000_mhz;
     return x >= segments.front().x_high ? best : interpolate(segments, x);
 }
