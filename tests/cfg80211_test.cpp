@@ -59,29 +59,29 @@ protected:
         });
     }
 
-    struct request {
-        uint32_t vendor, sub_command, command, room;
-        uint8_t link;
-        bytes data;
-    };
-    [[nodiscard]] request last_request() const
+    /// The attributes of a command for the interface with index 1.
+    static bytes command(uint32_t sub_command, uint32_t id, uint32_t room, const bytes &data)
     {
-        bytes sent = kernel.sent.back();
-        nlattr *table[NL80211_ATTR_VENDOR_DATA + 1];
-        nlattr *inner[WIFI_VENDOR_ATTR_DATA + 1];
-        auto *generic = reinterpret_cast<genlmsghdr *>(sent.data() + NLMSG_HDRLEN);
-        EXPECT_EQ(NL80211_CMD_VENDOR, generic->cmd);
-        nla_parse(table, NL80211_ATTR_VENDOR_DATA, genlmsg_attrdata(generic, 0),
-                  static_cast<int>(sent.size() - NLMSG_HDRLEN - GENL_HDRLEN), nullptr);
-        nla_parse_nested(inner, WIFI_VENDOR_ATTR_DATA, table[NL80211_ATTR_VENDOR_DATA], nullptr);
-        request r = {nla_get_u32(table[NL80211_ATTR_VENDOR_ID]),   nla_get_u32(table[NL80211_ATTR_VENDOR_SUBCMD]),
-                     nla_get_u32(inner[WIFI_VENDOR_ATTR_COMMAND]), nla_get_u32(inner[WIFI_VENDOR_ATTR_ROOM]),
-                     nla_get_u8(inner[WIFI_VENDOR_ATTR_LINK_ID]),  {}};
-        if (nlattr *data = inner[WIFI_VENDOR_ATTR_DATA]) {
-            const auto *first = static_cast<const uint8_t *>(nla_data(data));
-            r.data.assign(first, first + nla_len(data));
-        }
-        return r;
+        nl_msg *m = nlmsg_alloc();
+        nla_put_u32(m, NL80211_ATTR_IFINDEX, 1);
+        nla_put_u32(m, NL80211_ATTR_VENDOR_ID, vela::settings::vendor_oui);
+        nla_put_u32(m, NL80211_ATTR_VENDOR_SUBCMD, sub_command);
+        nlattr *nested = nla_nest_start(m, NL80211_ATTR_VENDOR_DATA | NLA_F_NESTED);
+        nla_put_u32(m, WIFI_VENDOR_ATTR_COMMAND, id);
+        nla_put_u8(m, WIFI_VENDOR_ATTR_LINK_ID, 255);
+        nla_put_u32(m, WIFI_VENDOR_ATTR_ROOM, room);
+        if (!data.empty()) nla_put(m, WIFI_VENDOR_ATTR_DATA, static_cast<int>(data.size()), data.data());
+        nla_nest_end(m, nested);
+        const auto *first = static_cast<const uint8_t *>(nlmsg_data(nlmsg_hdr(m)));
+        bytes attributes(first, first + nlmsg_datalen(nlmsg_hdr(m)));
+        nlmsg_free(m);
+        return attributes;
+    }
+    [[nodiscard]] bytes last_attributes() const
+    {
+        const bytes &sent = kernel.sent.back();
+        EXPECT_EQ(NL80211_CMD_VENDOR, sent[NLMSG_HDRLEN]);
+        return {sent.begin() + NLMSG_HDRLEN + GENL_HDRLEN, sent.end()};
     }
 };
 
@@ -96,11 +96,7 @@ TEST_F(Vendor, ParametersAreReadAndSet)
     kernel.acknowledge();
     EXPECT_EQ(0, vl_cfg80211_get_wifi_param_int_ctx(&context, "lo", 676, &value));
     EXPECT_EQ(0x12345678, value);
-    const auto get = last_request();
-    EXPECT_EQ(vela::settings::vendor_oui, get.vendor);
-    EXPECT_EQ(200U, get.sub_command);
-    EXPECT_EQ(676U, get.command);
-    EXPECT_EQ(4U, get.room);
+    EXPECT_EQ(command(200, 676, 4, {}), last_attributes());
 
     kernel.refuse(-95);
     EXPECT_EQ(-95, vl_cfg80211_get_wifi_param_int_ctx(&context, "lo", 676, &value));
@@ -111,11 +107,7 @@ TEST_F(Vendor, ParametersAreReadAndSet)
 
     kernel.acknowledge();
     EXPECT_EQ(0, vl_cfg80211_send_command_no_response(&context, "lo", 386, 0x01020304));
-    const auto set = last_request();
-    EXPECT_EQ(200U, set.sub_command);
-    EXPECT_EQ(386U, set.command);
-    EXPECT_EQ(255, set.link);
-    EXPECT_THAT(set.data, ElementsAre(4, 3, 2, 1));
+    EXPECT_EQ(command(200, 386, 0, {4, 3, 2, 1}), last_attributes());
 }
 
 TEST_F(Vendor, GenericAnswersFillTheBufferOrGoToTheCallback)
@@ -127,10 +119,7 @@ TEST_F(Vendor, GenericAnswersFillTheBufferOrGoToTheCallback)
     kernel.acknowledge();
     EXPECT_EQ(8, vl_cfg80211_send_generic_set_command_ctx(&context, "lo", buffer, sizeof buffer, nullptr, 476));
     EXPECT_THAT(buffer, ElementsAre(10, 11, 12, 13, 14, 15, 16, 17)) << "as far as they fit";
-    const auto sent = last_request();
-    EXPECT_EQ(74U, sent.sub_command);
-    EXPECT_EQ(255, sent.link);
-    EXPECT_THAT(sent.data, ElementsAre(1, 2, 3, 4, 5, 6, 7, 8));
+    EXPECT_EQ(command(74, 476, 8, {1, 2, 3, 4, 5, 6, 7, 8}), last_attributes());
 
     kernel.acknowledge();
     EXPECT_EQ(0, vl_cfg80211_send_generic_set_command_ctx(&context, "lo", buffer, sizeof buffer, nullptr, 476))

@@ -166,6 +166,13 @@ TEST_F(Nl80211, KernelErrorsPassThrough)
                      },
                      &replies));
     EXPECT_EQ(1U, replies);
+
+    // A reply nobody asked to see is no event.
+    vl_nl80211_register_command_callback(&service, NL80211_CMD_NEW_INTERFACE, first);
+    EXPECT_EQ(0,
+              vl_nl80211_send_recv(&service, vl_nl80211_create_message(&service, "wlan0", NL80211_CMD_GET_INTERFACE, 0),
+                                   nullptr, nullptr));
+    EXPECT_THAT(seen.calls, IsEmpty());
 }
 
 TEST_F(Nl80211, ParentIsTheRadioOnTheSameWiphy)

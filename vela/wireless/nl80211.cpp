@@ -131,6 +131,8 @@ int on_event(nl_msg *message, void *arg)
     return walk.service ? NL_SKIP : NL_STOP;
 }
 
+int on_unwanted_reply(nl_msg *, void *) { return NL_SKIP; }
+
 // Events carry no sequence numbers.
 int on_sequence_check(nl_msg *, void *) { return NL_OK; }
 
@@ -413,7 +415,8 @@ int vl_nl80211_send_recv(vl_nl80211_service *service, nl_msg *message, vl_nl8021
         log_error("auto complete failed, ret = %d", sent);
         return sent;
     }
-    if (handler) nl_cb_set(callbacks.get(), NL_CB_VALID, NL_CB_CUSTOM, handler, arg);
+    // A clone still dispatches events; replies that nobody wants must not be taken for some.
+    nl_cb_set(callbacks.get(), NL_CB_VALID, NL_CB_CUSTOM, handler ? handler : on_unwanted_reply, arg);
     return vela::netlink::await_answer(service->cmd_sock, callbacks.get(), {log_module, __func__});
 }
 
