@@ -50,7 +50,7 @@ uint8_t *take(buffer_state &s, uint32_t n)
 {
     uint8_t *tail = s.data + s.write;
     s.write += n;
-    s.length += n;
+    s.length = s.write - s.read;
     return tail;
 }
 
@@ -112,7 +112,8 @@ uint32_t append(buffer *b, const void *bytes, uint32_t count)
 {
     if (!bytes || count == 0) return 0;
     buffer_state &s = *b->state;
-    if (s.length == 0 || !has_room(s, count)) return append_with_growth(s, bytes, count);
+    if (s.length == 0 || !has_room(s, count)) [[unlikely]]
+        return append_with_growth(s, bytes, count);
     memmove(take(s, count), bytes, count);
     return count;
 }
