@@ -2,6 +2,7 @@
 #include "tests/support/log_lines.h"
 #include "tests/wifi/machine.h"
 
+#include <atomic>
 #include <event2/event.h>
 #include <gmock/gmock.h>
 #include <linux/nl80211.h>
@@ -269,14 +270,12 @@ TEST_F(Nl80211, LostEventsAreReportedAndTheRestArrives)
 
 TEST_F(Nl80211, DumpUnderChurnEndsOneWayOrTheOther)
 {
-    bool stop = false;
+    std::atomic changes = 0;
     std::thread churn([&] {
-        for (int n = 0; !stop; ++n) {
-            site::run("iw dev wlan3 interface add churn type managed; iw dev churn del");
-        }
+        for (; changes < 10; ++changes) site::run("iw dev wlan3 interface add churn type managed; iw dev churn del");
     });
     int whole = 0;
-    for (int n = 0; n < 200; ++n) {
+    while (changes < 10) {
         nl_msg *request = vl_nl80211_create_message(&service, "wlan0", NL80211_CMD_GET_INTERFACE, NLM_F_DUMP);
         int interfaces = 0;
         const int status = vl_nl80211_send_recv(
@@ -292,7 +291,6 @@ TEST_F(Nl80211, DumpUnderChurnEndsOneWayOrTheOther)
             EXPECT_GE(interfaces, 1);
         }
     }
-    stop = true;
     churn.join();
     EXPECT_GT(whole, 0);
 }
