@@ -7,6 +7,7 @@
 #include <vela/core/internal/log.h>
 #include <vela/core/internal/own.h>
 #include <vela/core/internal/text.h>
+#include <vela/mesh/internal/uplink.h>
 #include <vela/mesh/uplink.h>
 
 namespace
@@ -106,6 +107,27 @@ void find_mld(uplink_entry &entry, const char *real)
 
 } // namespace
 
+namespace vela
+{
+
+void uplink::find_real_ifname(FILE *vlans, const char *vif, char (&real)[16])
+{
+    char line[vlan_line_size];
+    while (read_line(vlans, line)) take_vlan(line, vif, real);
+}
+
+bool uplink::add_listed(FILE *names, uplink_table &t)
+{
+    bool all = true;
+    char name[name_size];
+    while (read_line(names, name)) {
+        if (*name && add_uplink_wds_ifaces_info_devname(&t, name) != 0) all = false;
+    }
+    return all;
+}
+
+} // namespace vela
+
 void initialize_uplink_wds_ifaces_info(uplink_table *t)
 {
     if (!t) return;
@@ -195,10 +217,12 @@ uint8_t *get_active_uplink_wds_iface_mac(uplink_table *t)
 int get_real_ifname(const char *vif, char *real)
 {
     if (!vif || !real) return -1;
-    vela::copy_text(real, name_size, vif);
-    const vela::file_ptr vlans = open_for_reading(vlans_path);
-    char line[vlan_line_size];
-    while (vlans && read_line(vlans.get(), line)) take_vlan(line, vif, real);
+    char name[name_size];
+    vela::copy_text(name, vif);
+    if (const vela::file_ptr vlans = open_for_reading(vlans_path)) {
+        vela::uplink::find_real_ifname(vlans.get(), vif, name);
+    }
+    vela::copy_text(real, name_size, name);
     return 0;
 }
 
@@ -228,14 +252,10 @@ int populate_uplink_wds_ifnames_info_devnames(uplink_table *t)
 {
     if (!t) return -1;
     initialize_uplink_wds_ifaces_info(t);
-    int result = 0;
     const vela::file_ptr uplinks = open_for_reading(uplinks_path);
-    char name[name_size];
-    while (uplinks && read_line(uplinks.get(), name)) {
-        if (*name && add_uplink_wds_ifaces_info_devname(t, name) != 0) result = -1;
-    }
+    const bool all = !uplinks || vela::uplink::add_listed(uplinks.get(), *t);
     if (t->count == 0) (void)add_uplink_wds_ifaces_info_devname(t, default_uplink); // an empty table has room
-    return result;
+    return all ? 0 : -1;
 }
 
 int uplink_ifname_identify(uplink_table *t, char *wired, size_t n)
