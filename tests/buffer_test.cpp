@@ -175,7 +175,8 @@ TEST(Buffer, ResetShrinksAndZeroes)
         const faults::refuse_memory none;
         b->reset(b);
     }
-    EXPECT_THAT(log.take(), testing::ElementsAre(log_line{"warn", "buffer", "reset", "Failed to reallocate buffer"}));
+    EXPECT_THAT(log.take(),
+                testing::ElementsAre(log_line{"warn", "buffer", "buffer_reset", "Failed to reallocate buffer"}));
     EXPECT_EQ(8292U, b->capacity(b));
     EXPECT_EQ(0U, b->length(b));
 }

@@ -179,7 +179,7 @@ void reset(buffer *b)
             s.data = static_cast<uint8_t *>(data);
             s.allocated = s.initial_capacity;
         } else {
-            log_warn("Failed to reallocate buffer");
+            log_warn_as("buffer_reset", "Failed to reallocate buffer");
         }
     }
     memset(s.data, 0, s.allocated);
