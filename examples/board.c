@@ -38,6 +38,6 @@ int main(int argc, char **argv)
         return 1;
     }
     print_board(board);
-    printf("  PoE outputs may draw %u W\n", board_get_poe_budget());
+    printf("  PoE outputs may draw %d W\n", board_get_poe_budget());
     return 0;
 }

@@ -16,7 +16,7 @@ int main(void)
     json_object_set_new(stats, "oui", mac_str_to_oui_json_string("02:56:4C:00:00:01"));
 
     int32_t power_dbm = 0;
-    if (vela_json_integer_value_from_obj(stats, "stats", "tx_power", true, &power_dbm) == 0) return 1;
+    if (vela_json_integer_value_from_obj(stats, "stats", "tx_power", 1, &power_dbm) == 0) return 1;
     char *servers = vela_json_array_to_csv(stats, "dns");
     printf("%s: %" PRId32 " dBm, name servers %s\n", vela_json_get_str(stats, "model", "?"), power_dbm,
            servers ? servers : "none");

@@ -81,13 +81,13 @@ const board_record *board_identify(void)
 
 void update_cached_board(const board_record *rec) { cached = rec; }
 
-uint16_t board_get_poe_budget(void)
+int board_get_poe_budget(void)
 {
     const board_record *board = board_identify();
-    return board->poe_budget > board->poe_reserve ? static_cast<uint16_t>(board->poe_budget - board->poe_reserve) : 0;
+    return std::max(board->poe_budget - board->poe_reserve, 0);
 }
 
-bool board_has_poe(void) { return board_get_poe_budget() != 0; }
+int board_has_poe(void) { return board_get_poe_budget() != 0; }
 
 int board_get_cpu_mac(cpu_port *out)
 {
@@ -148,12 +148,15 @@ const phy_port *board_get_next_phy(const board_record *rec, unsigned *group, uns
     const auto groups = groups_of(*rec);
     for (; *group < groups.size(); ++*group, *port = 0) {
         const auto ports = ports_of(groups[*group]);
-        if (*port < ports.size()) return &ports[(*port)++];
+        if (*port >= ports.size()) continue; // a group without ports, or cursors of the caller's own
+        const phy_port *next = &ports[*port];
+        if (++*port == ports.size()) ++*group, *port = 0;
+        return next;
     }
     return nullptr;
 }
 
-bool board_phy_is_sfp(const phy_port *port) { return port && port->media & sfp_media; }
+int board_phy_is_sfp(const phy_port *port) { return port && port->media & sfp_media; }
 
 const char *board_get_phy_port_media(const phy_port *port)
 {
@@ -172,16 +175,16 @@ const char *board_get_phy_port_media(const phy_port *port)
     return "GE";
 }
 
-bool board_is_outdoor_capable(const board_record *rec) { return rec && rec->flags & BOARD_OUTDOOR; }
+int board_is_outdoor_capable(const board_record *rec) { return rec && rec->flags & BOARD_OUTDOOR; }
 
-bool board_has_afc_6g_radio(const board_record *rec) { return rec && std::ranges::any_of(radios_of(*rec), needs_afc); }
+int board_has_afc_6g_radio(const board_record *rec) { return rec && std::ranges::any_of(radios_of(*rec), needs_afc); }
 
-bool board_requires_afc_for_6g(const board_record *rec)
+int board_requires_afc_for_6g(const board_record *rec)
 {
     return board_is_outdoor_capable(rec) && board_has_afc_6g_radio(rec);
 }
 
-bool has_accelerometer(void) { return vela::dir_ptr{opendir(accelerometer)} != nullptr; }
+int has_accelerometer(void) { return vela::dir_ptr{opendir(accelerometer)} != nullptr; }
 
 json_t *prepare_accelerometer_status(void)
 {

@@ -13,7 +13,6 @@
 #define VELA_BOARD_BOARD_H
 
 #include <jansson.h>
-#include <stdbool.h>
 #include <stdint.h>
 #include <vela/core/api.h>
 
@@ -145,7 +144,7 @@ VELA_API int board_identify_ids(uint16_t *sysid, uint8_t *rev);
 VELA_API const board_record *corvo_get_board(uint16_t sysid, uint8_t rev);
 
 /** Radio count of the first row with this system id; 0 when there is none. */
-VELA_API uint8_t corvo_get_radio_count(uint16_t sysid);
+VELA_API int corvo_get_radio_count(uint16_t sysid);
 
 /** The device record with this system id, or null. It belongs to the library. */
 VELA_API const device_record *corvo_get_device(uint16_t sysid);
@@ -178,10 +177,10 @@ VELA_API const board_record *board_identify(void);
 VELA_API void update_cached_board(const board_record *rec);
 
 /** Power that PoE outputs may draw, in W: the budget less the reserve; 0 without PoE output. */
-VELA_API uint16_t board_get_poe_budget(void);
+VELA_API int board_get_poe_budget(void);
 
-/** Whether board_get_poe_budget() is not 0. */
-VELA_API bool board_has_poe(void);
+/** 1 when board_get_poe_budget() is not 0, else 0. */
+VELA_API int board_has_poe(void);
 
 /**
  * Copies the CPU port descriptor. Its name belongs to the board record.
@@ -217,30 +216,30 @@ VELA_API int get_num_of_eth_ports(void);
  * Walks the ports of a record, group by group. Start with both cursors 0.
  *
  * @param rec    the record to walk; null has no ports
- * @param group  cursor, advanced together with port
+ * @param group  cursor, advanced together with port: behind a group's last port, both stand at the next group's first
  * @return the next port; null at the end, and ever after
  */
 VELA_API const phy_port *board_get_next_phy(const board_record *rec, unsigned *group, unsigned *port);
 
-/** Whether the port is a cage of the SFP kinds. */
-VELA_API bool board_phy_is_sfp(const phy_port *port);
+/** 1 when the port is a cage of the SFP kinds, else 0. */
+VELA_API int board_phy_is_sfp(const phy_port *port);
 
 /**
  * Name of the port's media: "SFP+", "SFP", "FE", "SFP28", "QSFP28", "GE", "2P5GE", "5GE", "10GE" or "UNKNOWN".
  */
 VELA_API const char *board_get_phy_port_media(const phy_port *port);
 
-/** Whether the model may be mounted outdoors; false for null. */
-VELA_API bool board_is_outdoor_capable(const board_record *rec);
+/** 1 when the model may be mounted outdoors; 0 when not, and for null. */
+VELA_API int board_is_outdoor_capable(const board_record *rec);
 
-/** Whether one of the radios is a 6 GHz radio that needs AFC for standard power; false for null. */
-VELA_API bool board_has_afc_6g_radio(const board_record *rec);
+/** 1 when one of the radios is a 6 GHz radio that needs AFC for standard power; 0 when not, and for null. */
+VELA_API int board_has_afc_6g_radio(const board_record *rec);
 
-/** Whether 6 GHz may only be used with an AFC grant: an outdoor model with such a radio. */
-VELA_API bool board_requires_afc_for_6g(const board_record *rec);
+/** 1 when 6 GHz may only be used with an AFC grant: for an outdoor model with such a radio. */
+VELA_API int board_requires_afc_for_6g(const board_record *rec);
 
-/** Whether the device has an accelerometer that the kernel knows. */
-VELA_API bool has_accelerometer(void);
+/** 1 when the device has an accelerometer that the kernel knows, else 0. */
+VELA_API int has_accelerometer(void);
 
 /**
  * Starts the accelerometer's sampling and reads it.

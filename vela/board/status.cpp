@@ -244,7 +244,7 @@ void conv_ts_to_local_time(int64_t ts, char *buf, size_t)
 
 int report_lock(void) { return take(report, __func__); }
 int report_unlock(void) { return give_back(report, __func__); }
-bool report_locked(void) { return report.fd >= 0; }
+int report_locked(void) { return report.fd >= 0; }
 
 int inform_profile_lock(void) { return take(inform_profile, __func__); }
 int inform_profile_unlock(void) { return give_back(inform_profile, __func__); }

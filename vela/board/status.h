@@ -7,7 +7,6 @@
 #ifndef VELA_BOARD_STATUS_H
 #define VELA_BOARD_STATUS_H
 
-#include <stdbool.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <vela/config/cfg.h>
@@ -95,8 +94,8 @@ VELA_API int inform_profile_lock(void); /**< on the file /var/run/inform-profile
 VELA_API int inform_profile_unlock(void);
 /** @} */
 
-/** Whether this process holds the report lock. */
-VELA_API bool report_locked(void);
+/** 1 while this process holds the report lock, else 0. */
+VELA_API int report_locked(void);
 
 #ifdef __cplusplus
 }

@@ -182,8 +182,8 @@ int vela_json_maybe_append_array(json_t *object, const char *prefix, int64_t val
     return json_array_append_new(array, json_integer(value));
 }
 
-int vela_json_integer_value_from_obj(const json_t *object, const char *object_name, const char *key,
-                                     bool accept_integer, int32_t *value)
+int vela_json_integer_value_from_obj(const json_t *object, const char *object_name, const char *key, int accept_integer,
+                                     int32_t *value)
 {
     if (!value) {
         log_error("NULL pointer provided for value, obj_name %s, key %s", object_name, key);
@@ -194,22 +194,20 @@ int vela_json_integer_value_from_obj(const json_t *object, const char *object_na
         log_debug("no obj for obj_name %s, key %s", object_name, key);
         return 0;
     }
-
     if (json_is_string(member)) {
         const char *text = json_string_value(member);
-        if (vela::view(text).empty()) {
-            log_debug("no string for obj_name %s, key %s", object_name, key);
-            return 0;
-        }
         int number;
-        if (sscanf(text, "%i", &number) != 1) {
-            log_debug("invalid integer '%s' in object %s, key %s", text, object_name, key);
-            return 0;
+        if (sscanf(text, "%i", &number) == 1) {
+            *value = number;
+            return 1;
         }
-        *value = number;
-        return 1;
+        if (*text == '\0') {
+            log_debug("no string for obj_name %s, key %s", object_name, key);
+        } else {
+            log_debug("invalid integer '%s' in object %s, key %s", text, object_name, key);
+        }
+        return 0;
     }
-
     if (!json_is_integer(member)) {
         log_debug("JSON object is of type %d, not a string or integer, obj_name %s, key %s", json_typeof(member),
                   object_name, key);

@@ -10,7 +10,6 @@
 #define VELA_CORE_JSON_H
 
 #include <jansson.h>
-#include <stdbool.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -82,12 +81,12 @@ VELA_API int vela_json_maybe_append_array(json_t *object, const char *prefix, in
  * Reads a number that may be written as a string: decimal, hexadecimal with "0x", or octal with a leading 0.
  *
  * @param object_name     names the object in log lines
- * @param accept_integer  whether an integer member is good too
+ * @param accept_integer  not 0: an integer member is good too
  * @param value           receives the number; written only on success
  * @return 1 read from a string, 2 from an integer, 0 neither
  */
 VELA_API int vela_json_integer_value_from_obj(const json_t *object, const char *object_name, const char *key,
-                                              bool accept_integer, int32_t *value);
+                                              int accept_integer, int32_t *value);
 
 /**
  * The vendor prefix of a hardware address as a new JSON string: "02:56:4C:00:00:01" gives "02564c".

@@ -154,16 +154,17 @@ void libvela_log_json(uint32_t level, const char *module, const char *func, cons
     }
 }
 
-void libvela_log_hex(uint32_t level, const char *module, const char *func, const uint8_t *data, int32_t len,
+void libvela_log_hex(uint32_t level, const char *module, const char *func, const void *data, int32_t len,
                      const char *title)
 {
-    libvela_log(level, module, func, "%s - HEX(%p) len %d", title ? title : "", static_cast<const void *>(data), len);
+    libvela_log(level, module, func, "%s - HEX(%p) len %d", title ? title : "", data, len);
 
+    const auto *bytes = static_cast<const uint8_t *>(data);
     for (int32_t start = 0; start < len; start += bytes_per_hex_line) {
         char line[sizeof "00000000:" + bytes_per_hex_line * (sizeof " 00" - 1)];
         char *end = line + sprintf(line, "%08x:", static_cast<unsigned>(start));
         const int32_t stop = len - start < bytes_per_hex_line ? len : start + bytes_per_hex_line;
-        for (int32_t i = start; i < stop; ++i) end += sprintf(end, " %02x", data[i]);
+        for (int32_t i = start; i < stop; ++i) end += sprintf(end, " %02x", bytes[i]);
         libvela_log(level, module, func, "%s", line);
         if (stop == len) break; // the last start plus 16 may not fit 32 bits
     }

@@ -71,7 +71,7 @@ VELA_API void libvela_log_json(uint32_t level, const char *module, const char *f
  * @param len    number of bytes; 0 or less writes the header only
  * @param title  may be null
  */
-VELA_API void libvela_log_hex(uint32_t level, const char *module, const char *func, const uint8_t *data, int32_t len,
+VELA_API void libvela_log_hex(uint32_t level, const char *module, const char *func, const void *data, int32_t len,
                               const char *title);
 
 /** Whether messages of a level (its number) pass the threshold. */

@@ -150,11 +150,11 @@ size_t gen_rand_hex(char *out, size_t size)
     return count;
 }
 
-size_t gen_rand_bytes(uint8_t *out, size_t count)
+size_t gen_rand_bytes(void *out, size_t count)
 {
     reseed();
     if (!out) return 0;
-    std::generate_n(out, count, random_byte);
+    std::generate_n(static_cast<uint8_t *>(out), count, random_byte);
     return count;
 }
 

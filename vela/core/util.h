@@ -80,7 +80,7 @@ VELA_API int strtomac(const char *text, uint8_t mac[6]);
  */
 VELA_API size_t gen_rand_hex(char *out, size_t size);
 /** Fills out with random bytes. Returns count; 0 for a null pointer. */
-VELA_API size_t gen_rand_bytes(uint8_t *out, size_t count);
+VELA_API size_t gen_rand_bytes(void *out, size_t count);
 /**
  * Writes random letters and digits.
  *
