@@ -133,9 +133,9 @@ constexpr bool every_id_once()
 
 constexpr bool every_family_known()
 {
-    for (const vela::id_set &family : vela::families) {
-        for (const vela::id_range &range : family.ranges) {
-            for (uint32_t id = range.first; id != 0 && id <= range.last; ++id) {
+    for (const vela::families::id_set family : vela::families::all) {
+        for (const auto &range : family) {
+            for (uint32_t id = range.first; id <= range.last; ++id) {
                 if (!find(static_cast<uint16_t>(id))) return false;
             }
         }

@@ -12,7 +12,7 @@
 namespace
 {
 
-using vela::family;
+namespace families = vela::families;
 
 constexpr const char *mesh_mode_path = "/etc/meshmode.conf";
 constexpr const char *management_path = "/etc/persistent/cfg/mgmt";
@@ -25,7 +25,7 @@ constexpr uint16_t orb7_other_chips = 42675; // the one of its generation with a
 
 enum analytics { analytics_off = 0, analytics_on = 1, analytics_anonymous = 2 };
 
-bool is(family name) { return vela::belongs_to(name, get_orb_sysId()); }
+bool is_one_of(families::id_set family) { return families::contains(family, get_orb_sysId()); }
 
 bool has_other_chips() { return get_orb_sysId() == orb7_other_chips; }
 
@@ -35,23 +35,23 @@ bool is_under_proc(const char *path) { return vela::starts_with(path, proc); }
 
 uint16_t get_orb_sysId(void) { return board_identify()->system_id; }
 
-int is_router_ap(void) { return is(family::router_ap); }
-int is_hbx_switch(void) { return is(family::hbx_switch); }
-int is_linkbar(void) { return is(family::linkbar); }
-int is_hbx(void) { return is(family::hbx); }
-int is_orb4(void) { return is(family::orb4); }
-int is_orb5(void) { return is(family::orb5); }
-int is_orb6(void) { return is(family::orb6); }
-int is_orb6_tier2(void) { return is(family::orb6_tier2); }
-int is_orb6_wallplate(void) { return is(family::orb6_wallplate); }
-int is_orb7_wallplate(void) { return is(family::orb7_wallplate); }
-int is_orb_ac_wallplate(void) { return is(family::orb_ac_wallplate); }
-int is_home_router7(void) { return is(family::home_router7); }
-int is_orb7(void) { return is(family::orb7); }
-int is_orb7_tier2(void) { return is(family::orb7_tier2); }
-int is_orb_cellular(void) { return is(family::orb_cellular); }
-int is_force_detect_loop(void) { return is(family::force_detect_loop); }
-int is_6ghz_supported(void) { return is(family::six_ghz); }
+int is_router_ap(void) { return is_one_of(families::router_ap); }
+int is_hbx_switch(void) { return is_one_of(families::hbx_switch); }
+int is_linkbar(void) { return is_one_of(families::linkbar); }
+int is_hbx(void) { return is_one_of(families::hbx); }
+int is_orb4(void) { return is_one_of(families::orb4); }
+int is_orb5(void) { return is_one_of(families::orb5); }
+int is_orb6(void) { return is_one_of(families::orb6); }
+int is_orb6_tier2(void) { return is_one_of(families::orb6_tier2); }
+int is_orb6_wallplate(void) { return is_one_of(families::orb6_wallplate); }
+int is_orb7_wallplate(void) { return is_one_of(families::orb7_wallplate); }
+int is_orb_ac_wallplate(void) { return is_one_of(families::orb_ac_wallplate); }
+int is_home_router7(void) { return is_one_of(families::home_router7); }
+int is_orb7(void) { return is_one_of(families::orb7); }
+int is_orb7_tier2(void) { return is_one_of(families::orb7_tier2); }
+int is_orb_cellular(void) { return is_one_of(families::orb_cellular); }
+int is_force_detect_loop(void) { return is_one_of(families::force_detect_loop); }
+int is_6ghz_supported(void) { return is_one_of(families::six_ghz); }
 
 int is_orb6_variant_aqr112c(void)
 {
