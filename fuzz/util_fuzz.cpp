@@ -9,14 +9,11 @@
 namespace
 {
 
-using text_ptr = std::unique_ptr<char[]>;
-
 /// A block of exactly the text and its NUL.
-text_ptr copy_of(const char *text, size_t length)
+std::unique_ptr<char[]> copy_of(const std::string &text)
 {
-    text_ptr copy{new char[length + 1]};
-    memcpy(copy.get(), text, length);
-    copy[length] = '\0';
+    std::unique_ptr<char[]> copy{new char[text.size() + 1]};
+    memcpy(copy.get(), text.c_str(), text.size() + 1);
     return copy;
 }
 
@@ -32,52 +29,47 @@ void check(bool holds)
     if (!holds) abort();
 }
 
-void sanitize(const char *text, size_t shift)
+void sanitize(const std::string &text, const std::string &before)
 {
-    const size_t length = strlen(text);
-    const auto clean = copy_of(text, length);
+    const auto clean = copy_of(text);
     utf8_sanitize(clean.get());
-    check(is_clean(clean.get()) && strlen(clean.get()) == length);
-    if (is_clean(text)) check(strcmp(clean.get(), text) == 0);
+    check(is_clean(clean.get()) && strlen(clean.get()) == text.size());
+    if (is_clean(text.c_str())) check(text == clean.get());
 
-    const auto shifted = copy_of(std::string(shift, 'a').append(text).c_str(), shift + length);
+    const auto shifted = copy_of(before + text);
     utf8_sanitize(shifted.get());
-    check(strcmp(shifted.get() + shift, clean.get()) == 0); // wherever it stands
+    check(before + clean.get() == shifted.get()); // wherever it stands
 }
 
-void truncate(const char *text, size_t characters, size_t bytes)
+void truncate(const std::string &text, size_t characters, size_t bytes)
 {
-    const size_t length = utf8_truncate_len(text, characters, bytes);
-    check(length <= bytes && length <= strlen(text));
-    if (is_clean(text)) check(is_clean(copy_of(text, length).get()));
+    const size_t length = utf8_truncate_len(copy_of(text).get(), characters, bytes);
+    check(length <= bytes && length <= text.size());
+    if (is_clean(text.c_str())) check(is_clean(text.substr(0, length).c_str()));
 }
 
 void convert_and_cut(const char *text, size_t size)
 {
-    const std::unique_ptr<uint8_t[]> bytes{new uint8_t[size]};
-    const text_ptr out{new char[2 * size + 1]};
-    if (hex2uchar(text, bytes.get(), size) != 0) check(uchar2hex(bytes.get(), size, out.get(), 2 * size + 1) == size);
+    const std::unique_ptr<char[]> out{new char[size]};
+    (void)hex2uchar(text, reinterpret_cast<uint8_t *>(out.get()), size);
     uint8_t mac[6];
     (void)strtomac(text, mac);
-
-    const text_ptr name{new char[size]};
-    strncpy_trim(name.get(), size, text);
-    check(size == 0 || strlen(name.get()) < size);
-    strip_vlan_suffix(name.get(), text, size);
-    check(size == 0 || (strlen(name.get()) < size && !strchr(name.get(), '.')));
-    trim_trailing(copy_of(text, strlen(text)).get(), strlen(text));
+    strncpy_trim(out.get(), size, text);
+    check(size == 0 || strlen(out.get()) < size);
+    strip_vlan_suffix(out.get(), text, size);
+    check(size == 0 || (strlen(out.get()) < size && !strchr(out.get(), '.')));
+    trim_trailing(copy_of(text).get(), strlen(text));
 }
 
 /// A memory stream refuses to grow, so no line may move.
-void comment_out(const char *bytes, size_t size, const char *patterns)
+void comment_out(const std::string &bytes, const char *patterns)
 {
-    if (size == 0) return;
-    const auto copy = copy_of(bytes, size);
-    FILE *stream = fmemopen(copy.get(), size, "r+");
+    std::string lines = bytes;
+    FILE *stream = bytes.empty() ? nullptr : fmemopen(lines.data(), lines.size(), "r+");
     if (!stream) return;
     (void)comment_out_lines(stream, patterns);
     (void)fclose(stream);
-    for (size_t i = 0; i < size; ++i) check(copy[i] == bytes[i] || copy[i] == '#');
+    for (size_t i = 0; i < lines.size(); ++i) check(lines[i] == bytes[i] || lines[i] == '#');
 }
 
 } // namespace
@@ -85,12 +77,10 @@ void comment_out(const char *bytes, size_t size, const char *patterns)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size < 2) return 0;
-    const size_t a = data[0], b = data[1];
-    const auto *bytes = reinterpret_cast<const char *>(data + 2);
-    const auto text = copy_of(bytes, size - 2);
-    sanitize(text.get(), a);
-    truncate(text.get(), a, b);
-    convert_and_cut(text.get(), b);
-    comment_out(bytes, size - 2, text.get());
+    const std::string bytes(data + 2, data + size), text = bytes.c_str();
+    sanitize(text, std::string(data[0], 'a'));
+    truncate(text, data[0], data[1]);
+    convert_and_cut(copy_of(text).get(), data[1]);
+    comment_out(bytes, text.c_str());
     return 0;
 }

@@ -1,19 +1,18 @@
 #include "site/world.h"
 #include "tests/support/faults.h"
 #include "tests/support/log_lines.h"
+#include "tests/support/table.h"
 
 #include <gmock/gmock.h>
 #include <numeric>
 #include <vela/core/util.h>
 
 using namespace std::string_literals;
+using testing::Each;
 using testing::ElementsAre;
 
 namespace
 {
-
-/// Rows of a table: inputs and what they give.
-template <class... Columns> using table = std::vector<std::tuple<Columns...>>;
 
 /// A block of exactly the given text and its NUL, so that the address sanitizer sees a step beyond.
 std::unique_ptr<char[]> exact(std::string_view text)
@@ -46,8 +45,9 @@ TEST(Util, FormattedTextTellsWhenItIsCut)
     EXPECT_STREQ("1234", out);
     EXPECT_EQ(0, vela_snprintf("mod", "none", out, 0, "x"));
     EXPECT_EQ(0, vela_snprintf("mod", "cut", out, 5, impossible, L"\xFFFFFFF"));
-    const auto line = [](const char *text) { return log_line{"error", "mod", "vela_snprintf", text}; };
-    EXPECT_THAT(log.take(), ElementsAre(line("cut"), line("none"), line("vela_snprintf failure: -1")));
+    EXPECT_THAT(log.texts(), ElementsAre("cut", "none", "vela_snprintf failure: -1"));
+    vela_snprintf("mod", "cut", out, 1, "x");
+    EXPECT_THAT(log.take(), ElementsAre(log_line{"error", "mod", "vela_snprintf", "cut"}));
 
     char *text = malloc_printf("%s-%d", "radio", 1);
     EXPECT_STREQ("radio-1", text);
@@ -58,20 +58,23 @@ TEST(Util, FormattedTextTellsWhenItIsCut)
     EXPECT_EQ(nullptr, malloc_printf("%d", 1));
 }
 
-TEST(Util, BytesToHex)
+TEST(Util, Hexadecimal)
 {
     uint8_t bytes[256]; // every byte, at every place in a word, and every rest of a word
     std::iota(bytes, bytes + 256, uint8_t{0});
-    for (const size_t count : {0, 1, 3, 4, 5, 6, 7, 253, 256}) {
-        std::string lower, upper;
-        for (size_t i = 0; i < count; ++i) lower += "0123456789abcdef"[i / 16], lower += "0123456789abcdef"[i % 16];
-        std::transform(lower.begin(), lower.end(), std::back_inserter(upper), ::toupper);
-        const size_t size = lower.size() + 2; // the rest is cleared
-        EXPECT_EQ(upper + "\0\0"s, filled(size, [&](char *o) { uchar2hex(bytes, count, o, size); }));
-        EXPECT_EQ(lower + "\0\0"s, filled(size, [&](char *o) { uchar2lowerhex(bytes, count, o, size); }));
-    }
-    for (const auto &[count, size] : table<size_t, size_t>{{2, 4}, {SIZE_MAX / 2 + 2, 2}, {0, 0}}) {
-        EXPECT_EQ("####", filled(4, [&](char *o) { EXPECT_EQ(0U, uchar2hex(bytes, count, o, size)); })) << count;
+    const table<decltype(&uchar2hex), const char *> writers = {{uchar2hex, "0123456789ABCDEF"},
+                                                               {uchar2lowerhex, "0123456789abcdef"}};
+    for (const auto &[write, digits] : writers) {
+        for (const size_t count : {0, 1, 3, 4, 5, 6, 7, 253, 256}) {
+            std::string text;
+            for (size_t i = 0; i < count; ++i) text += digits[i / 16], text += digits[i % 16];
+            const size_t size = text.size() + 2; // the rest is cleared
+            EXPECT_EQ(text + "\0\0"s, filled(size, [&, w = write](char *o) { w(bytes, count, o, size); }));
+        }
+        for (const auto &[count, size] : table<size_t, size_t>{{2, 4}, {SIZE_MAX / 2 + 2, 2}, {0, 0}}) {
+            char out = '#';
+            EXPECT_TRUE(write(bytes, count, &out, size) == 0 && out == '#') << count;
+        }
     }
     // All bytes but the last, as far as there is room.
     const table<size_t, size_t, std::string> cases = {
@@ -81,61 +84,49 @@ TEST(Util, BytesToHex)
         const size_t digits = written.find_first_of("\0#"s);
         EXPECT_EQ(written, filled(9, [&](char *o) { EXPECT_EQ(digits, bin2hex(bytes + 12, count, o, size)); }));
     }
-}
 
-TEST(Util, HexToBytes)
-{
     const table<std::string, std::string> pairs = {
         {"00fFA5b7", "\0\xFF\xA5\xB7"s}, {"0102030405", "\1\2\3\4"s}, {"0g", "\0\0\0\0"s},
         {"12345", "\x12\x34\5\0"s},      {"12zz56", "\x12\0\0\0"s},   {"12 345", "\x12\x34\x45\0"s},
         {"-1+2", "\xFF\2\0\0"s},         {"ab ", "\xAB\0\0\0"s}};
-    for (const auto &[text, bytes] : pairs) {
-        uint8_t out[] = {9, 9, 9, 9};
-        EXPECT_EQ(4U, hex2uchar(exact(text).get(), out, 4)) << text;
-        EXPECT_EQ(0, memcmp(bytes.data(), out, 4)) << text;
+    for (const auto &[text, four] : pairs) {
+        EXPECT_EQ(4U, hex2uchar(exact(text).get(), bytes, 4)) << text;
+        EXPECT_EQ(0, memcmp(four.data(), bytes, 4)) << text;
     }
     uint8_t mac[6] = {0x77};
     EXPECT_TRUE(hex2uchar("", mac, 6) == 0 && mac[0] == 0) << "cleared nevertheless";
     for (const char *text : {"2-2-3-4-5-6", "02:00:5e:10:00", "2:0:5e:10:0:g", "", (const char *)nullptr}) {
         EXPECT_TRUE(strtomac(text, mac) == -1 && mac[0] == 0) << "written on failure";
     }
-    EXPECT_TRUE(strtomac("2:2:3:4:5:6", mac) == 0 && mac[0] == 2 && mac[5] == 6);
-    EXPECT_TRUE(strtomac("02:00:5e:10:0:fF:cd", mac) == 0 && mac[2] == 0x5E && mac[5] == 0xFF);
+    EXPECT_TRUE(strtomac("2:00:5e:10:0:fF:cd", mac) == 0 && mac[0] == 2 && mac[2] == 0x5E && mac[5] == 0xFF);
 }
 
 TEST(Util, RandomValuesFollowTheSeed)
 {
     log_lines log;
-    const auto drawn = [](unsigned seed, const std::function<int(int)> &make) {
-        srand(seed);
-        std::string text(8, '\0');
-        for (char &c : text) c = static_cast<char>(make(rand()));
-        return text;
+    const auto expect_from = [](unsigned seed) {
+        const std::string alphabet = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
+        std::string bytes(8, '\0'), letters(8, '\0');
+        for (const auto &text : {&bytes, &letters}) {
+            srand(seed);
+            for (char &c : *text) c = text == &bytes ? static_cast<char>(rand()) : alphabet[rand() % 62U];
+        }
+        const auto hex = [&](char *o) { uchar2hex(reinterpret_cast<const uint8_t *>(bytes.data()), 8, o, 17); };
+        EXPECT_EQ(bytes, filled(8, [](char *o) { EXPECT_EQ(8U, gen_rand_bytes(o, 8)); }));
+        EXPECT_EQ(filled(17, hex), filled(17, [](char *o) { EXPECT_EQ(8U, gen_rand_hex(o, 17)); }));
+        EXPECT_EQ(letters + '\0', filled(9, [](char *o) { EXPECT_EQ(o, gen_rand_string(o, 8)); }));
     };
-    const auto letter = [](int r) {
-        return r % 62 < 10 ? '0' + r % 62 : r % 62 < 36 ? 'A' + r % 62 - 10 : 'a' + r % 62 - 36;
-    };
-    const auto unsign = [](char *c) { return reinterpret_cast<uint8_t *>(c); };
-
     unlink("/dev/urandom"); // in this test's own world
     site::put_file("/dev/urandom", "seed");
-    unsigned seed;
-    memcpy(&seed, "seed", sizeof seed);
-    std::string bytes = drawn(seed, [](int r) { return r; });
-    EXPECT_EQ(bytes, filled(8, [&](char *o) { EXPECT_EQ(8U, gen_rand_bytes(unsign(o), 8)); }));
-    EXPECT_EQ(filled(17, [&](char *o) { uchar2hex(unsign(bytes.data()), 8, o, 17); }),
-              filled(17, [](char *o) { EXPECT_EQ(8U, gen_rand_hex(o, 17)); }));
-    EXPECT_EQ(drawn(seed, letter) + '\0', filled(9, [](char *o) { EXPECT_EQ(o, gen_rand_string(o, 8)); }));
+    expect_from(0x64656573); // the same bytes, as a little-endian machine reads them
     EXPECT_EQ("########", filled(8, [&](char *o) {
-                  EXPECT_EQ(0U, gen_rand_hex(o, 8) + gen_rand_hex(o, 0) + gen_rand_bytes(unsign(o), 0));
+                  EXPECT_EQ(0U, gen_rand_hex(o, 8) + gen_rand_hex(o, 0) + gen_rand_bytes(o, 0));
                   EXPECT_EQ(nullptr, gen_rand_string(o, 0));
               }));
     EXPECT_THAT(log.take(), ElementsAre());
-
     site::remove_file("/dev/urandom");
-    EXPECT_EQ(drawn(0, letter), filled(9, [](char *o) { gen_rand_string(o, 8); }).c_str());
-    EXPECT_THAT(log.take(),
-                ElementsAre(log_line{"trace", "libvela_util", "urandom", "read returned error in urandom"}));
+    expect_from(0);
+    EXPECT_THAT(log.take(), Each(log_line{"trace", "libvela_util", "urandom", "read returned error in urandom"}));
 }
 
 TEST(Util, TrimmingAndNames)
@@ -155,8 +146,7 @@ TEST(Util, TrimmingAndNames)
         EXPECT_EQ(trimmed, filled(6, [i = in](char *o) { strncpy_trim(o, 6, i), strncpy_trim(o, 0, "x"); }));
         EXPECT_EQ(parent, filled(6, [i = in](char *o) { strip_vlan_suffix(o, i, 6), strip_vlan_suffix(o, "x", 0); }));
     }
-    EXPECT_EQ(1, is_ppp_dev("ppp"));
-    EXPECT_EQ(0, is_ppp_dev("pp0"));
+    EXPECT_TRUE(is_ppp_dev("ppp") == 1 && is_ppp_dev("pp0") == 0);
 
     for (const int number : {0, 32, -1}) EXPECT_EQ(nullptr, vl_signame(number)) << number;
     for (int number = 1; number < 32; ++number) {
@@ -202,12 +192,11 @@ TEST(Util, SanitizeReplacesWhatIsNoCharacter)
         {"\xE2\x82\xC3\xA9", "??\xC3\xA9"}, // a new character begins where one breaks off
         {"\xC3", "?"}};
     for (const auto &[in, out] : cases) {
-        for (size_t before = 0; before < 34; ++before) { // at every place, alone and among other text
-            for (const std::string &behind : {""s, std::string(before, 'z')}) {
-                const auto text = exact(std::string(before, 'a') + in + behind);
-                utf8_sanitize(text.get());
-                EXPECT_EQ(std::string(before, 'a') + out + behind, text.get()) << before << " before";
-            }
+        for (size_t n = 0; n < 68; ++n) { // at every place, alone and among other text
+            const std::string before(n / 2, 'a'), behind(n % 2 * n, 'z');
+            const auto text = exact(before + in + behind);
+            utf8_sanitize(text.get());
+            EXPECT_EQ(before + out + behind, text.get()) << n / 2 << " before";
         }
     }
     utf8_sanitize(nullptr);
@@ -215,26 +204,16 @@ TEST(Util, SanitizeReplacesWhatIsNoCharacter)
 
 TEST(Util, TruncationKeepsCharactersWhole)
 {
-    const std::string ascii = "abcdefghijklmnopqrst";
+    const std::string ascii = "abcdefghijklmnopqrst", two = "a\xC3\xA9z", three_four = "\xE2\x82\xAC\xF0\x9F\x98\x80";
+    const size_t all = SIZE_MAX;
     // The limit of bytes comes before the look at what follows a lead byte; a lead byte alone counts as a character.
-    const table<std::string, size_t, size_t, size_t> cases = {{ascii, 12, 99, 12},
-                                                              {ascii, 99, 13, 13},
-                                                              {ascii, 99, SIZE_MAX, 20},
-                                                              {ascii, 0, 99, 0},
-                                                              {ascii, 99, 0, 0},
-                                                              {"a\xC3\xA9z", 2, 99, 3},
-                                                              {"a\xC3\xA9z", 99, 2, 1},
-                                                              {"a\xC3\xA9z", 99, 3, 3},
-                                                              {"\xE2\x82zz", 3, 99, 3},
-                                                              {"\xE2\x82\xAC\xF0\x9F\x98\x80", 2, 7, 7},
-                                                              {"\xE2\x82\xAC\xF0\x9F\x98\x80", 2, 6, 3},
-                                                              {"\xF0zz", 99, 3, 0},
-                                                              {"\xF0zz", 99, 4, 3},
-                                                              {"\x80\xFF", 99, 99, 2},
-                                                              {"\xE2\x82", 99, 99, 2}};
+    const table<std::string, size_t, size_t, size_t> cases = {
+        {ascii, 12, all, 12},  {ascii, all, 13, 13},      {ascii, all, all, 20},  {ascii, 0, 9, 0},
+        {ascii, 9, 0, 0},      {two, 2, all, 3},          {two, all, 2, 1},       {two, all, 3, 3},
+        {three_four, 2, 7, 7}, {three_four, 2, 6, 3},     {"\xF0zz", all, 3, 0},  {"\xF0zz", all, 4, 3},
+        {"\xE2\x82", 9, 9, 2}, {"\xE2\x82zz", 3, all, 3}, {"\x80\xFF", 9, all, 2}};
     for (const auto &[text, characters, bytes, result] : cases) {
-        EXPECT_EQ(result, utf8_truncate_len(exact(text).get(), characters, bytes))
-            << text << ": " << characters << ", " << bytes;
+        EXPECT_EQ(result, utf8_truncate_len(exact(text).get(), characters, bytes)) << text << ", " << bytes << " bytes";
     }
 }
 
@@ -246,23 +225,23 @@ TEST(Util, Masks)
         EXPECT_EQ(n, ipv4_prefix_len_from_netmask(ipv4_netmask_from_prefix_len(n)));
     }
     EXPECT_EQ(2U, ipv4_prefix_len_from_netmask(0x80000001));
-    EXPECT_EQ(1, ip_belongs_to_subnet(0xC0000281, 0xC0000201, 0xFFFFFF00));
-    EXPECT_EQ(0, ip_belongs_to_subnet(0xC0000381, 0xC0000201, 0xFFFFFF00));
+    const auto in_192_0_2 = [](uint32_t address) { return ip_belongs_to_subnet(address, 0xC0000201, 0xFFFFFF00); };
+    EXPECT_TRUE(in_192_0_2(0xC0000281) == 1 && in_192_0_2(0xC0000381) == 0);
     for (int length = -1; length <= 129; ++length) {
-        const int bits = length < 0 || length > 127 ? 128 : length;
         uint8_t mask[16];
         ipv6_netmask_from_prefix_len(mask, length);
         for (int bit = 0; bit < 128; ++bit) {
+            const bool masked = length < 0 || bit < length;
             uint8_t a[16] = {}, b[16] = {};
             b[bit / 8] = static_cast<uint8_t>(0x80 >> bit % 8);
-            EXPECT_EQ(bit < bits, (mask[bit / 8] & b[bit / 8]) != 0) << length << ", bit " << bit;
-            EXPECT_EQ(bit >= bits, net_equals_v6(a, b, static_cast<unsigned>(length))) << length << ", bit " << bit;
+            EXPECT_EQ(masked, (mask[bit / 8] & b[bit / 8]) != 0) << length << ", bit " << bit;
+            EXPECT_EQ(!masked, net_equals_v6(a, b, static_cast<unsigned>(length))) << length << ", bit " << bit;
         }
     }
     EXPECT_THAT(log.take(), ElementsAre());
     EXPECT_EQ(0U, ipv4_netmask_from_prefix_len(33));
     EXPECT_EQ(0, net_equals_v6(nullptr, nullptr, 0));
-    EXPECT_THAT(log.take(), ElementsAre(log_line{"error", "libvela_util", "ipv4_netmask_from_prefix_len",
-                                                 "invalid subnet mask size of 33"},
-                                        log_line{"error", "libvela_util", "net_equals_v6", "NULL pointer passed"}));
+    const auto error = [](const char *name, const char *text) { return log_line{"error", "libvela_util", name, text}; };
+    EXPECT_THAT(log.take(), ElementsAre(error("ipv4_netmask_from_prefix_len", "invalid subnet mask size of 33"),
+                                        error("net_equals_v6", "NULL pointer passed")));
 }
