@@ -49,7 +49,7 @@ void answer_all()
             client.length = sizeof client.address;
             (void)!recvfrom(fd, request, sizeof request, 0, as_sockaddr(client), &client.length);
         }
-        for (const auto &[content, stranger] : datagrams)
+        for (const auto &[content, sender] : datagrams)
             (void)!sendto(fd, content.data(), content.size(), 0, as_sockaddr(client), client.length);
     }
 }
@@ -67,7 +67,7 @@ void start_daemon()
 void exchange(int fd, const site::mgrd_answer &request)
 {
     static const auto to = site::path_address(daemon_path);
-    for (const auto &[content, stranger] : request)
+    for (const auto &[content, sender] : request)
         (void)!sendto(fd, content.data(), content.size(), 0, as_sockaddr(to), to.length);
     char in[20000];
     for (int i = 0; i < 2; ++i) {

@@ -40,7 +40,7 @@ local_address abstract_address(const std::string &name)
 local_peer::local_peer(const local_address &at) : fd_{socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)}, at_{at}
 {
     if (*at.address.sun_path) unlink(at.address.sun_path);
-    if (fd_ < 0 || bind(fd_, as_sockaddr(at), at.length) < 0) {
+    if (fd_ < 0 || (at.length != 0 && bind(fd_, as_sockaddr(at), at.length) < 0)) {
         const std::error_code why{errno, std::generic_category()};
         close(fd_);
         throw std::system_error{why, "local peer"};

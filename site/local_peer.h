@@ -34,7 +34,7 @@ public:
         local_address from;
     };
 
-    /// Binds, in place of a stale socket. Throws std::system_error.
+    /// Binds, in place of a stale socket; an empty address leaves it without a name. Throws std::system_error.
     explicit local_peer(const local_address &at);
     local_peer(const local_peer &) = delete;
     local_peer &operator=(const local_peer &) = delete;

@@ -18,8 +18,10 @@ constexpr size_t uuid_offset = 4;
 constexpr size_t body_offset = 68;
 constexpr size_t piece_max = 16384;
 constexpr int32_t next_offer = 1;
+constexpr int32_t offer = 2;
 constexpr int32_t set_answer = 3;
 constexpr int32_t close_session = 5;
+constexpr int32_t text_type = 1;
 constexpr int patience_ms = 2000;
 
 bool is_zero(bytes::const_iterator from, bytes::const_iterator to)
@@ -46,23 +48,31 @@ bytes media_record(int32_t command_or_status, const std::string &uuid, const byt
     return record;
 }
 
-bytes offer_body(bool complete, const std::string &credentials)
+media_answer media_text(const std::string &text)
 {
-    bytes body(1 + credentials.size());
-    body[0] = complete ? 1 : 0;
-    credentials.copy(reinterpret_cast<char *>(body.data()) + 1, credentials.size());
-    return body;
-}
-
-media_answer framed(int32_t type, const std::string &text)
-{
-    const int32_t header[2] = {type, static_cast<int32_t>(text.size())};
+    const int32_t header[2] = {text_type, static_cast<int32_t>(text.size())};
     const auto *raw = reinterpret_cast<const uint8_t *>(header);
     media_answer result{bytes(raw, raw + sizeof header)};
     for (size_t at = 0; at < text.size(); at += piece_max) {
         const std::string piece = text.substr(at, piece_max);
         result.emplace_back(bytes(piece.begin(), piece.end()));
     }
+    return result;
+}
+
+media_answer media_offer(const std::string &uuid, const std::string &credentials, const std::string &text)
+{
+    bytes body(1 + credentials.size());
+    body[0] = text.empty() ? 0 : 1;
+    credentials.copy(reinterpret_cast<char *>(body.data()) + 1, credentials.size());
+    const media_answer record{media_record(offer, uuid, body)};
+    return text.empty() ? record : in_turn({record, media_text(text)});
+}
+
+media_answer in_turn(std::initializer_list<media_answer> parts)
+{
+    media_answer result;
+    for (const auto &part : parts) result.insert(result.end(), part.begin(), part.end());
     return result;
 }
 
@@ -117,7 +127,7 @@ media_request media_listener::read_request(const local_peer::datagram &record)
 
     if (uuid_end == body) peer_.complain("a uuid without an end");
     if (!is_zero(uuid_end, body)) peer_.complain("bytes behind the uuid");
-    if (request.command < next_offer || request.command > close_session || request.command == 2) {
+    if (request.command < next_offer || request.command > close_session || request.command == offer) {
         peer_.complain("no request: " + std::to_string(request.command));
     }
     if (request.command != next_offer && !is_zero(body, content.end())) peer_.complain("a body where none belongs");
@@ -134,7 +144,7 @@ std::string media_listener::read_answer()
         return {};
     }
     memcpy(fields, header->content.data(), sizeof fields);
-    if (fields[0] != 1) peer_.complain("an answer of type " + std::to_string(fields[0]));
+    if (fields[0] != text_type) peer_.complain("an answer of type " + std::to_string(fields[0]));
     std::string text;
     while (text.size() < static_cast<size_t>(fields[1])) {
         const auto piece = peer_.receive(patience_ms);

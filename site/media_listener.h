@@ -24,8 +24,10 @@ using media_answer = std::vector<media_datagram>;
 
 // Pieces of an answer.
 bytes media_record(int32_t command_or_status, const std::string &uuid, const bytes &body = {});
-bytes offer_body(bool complete, const std::string &credentials);
-media_answer framed(int32_t type, const std::string &text);
+media_answer media_text(const std::string &text);
+/// An offer's record, and its text behind it where there is one; without, the record calls itself incomplete.
+media_answer media_offer(const std::string &uuid, const std::string &credentials, const std::string &text);
+media_answer in_turn(std::initializer_list<media_answer> parts);
 
 class media_listener
 {

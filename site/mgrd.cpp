@@ -110,9 +110,16 @@ void mgrd::serve()
             const std::lock_guard lock{mutex_};
             requests_.push_back(request);
         }
-        for (const auto &datagram : respond_(request)) {
-            (datagram.from_stranger ? stranger_ : peer_).send(client, datagram.content);
-        }
+        for (const auto &datagram : respond_(request)) send(client, datagram);
+    }
+}
+
+void mgrd::send(const local_address &client, const mgrd_datagram &datagram)
+{
+    switch (datagram.sender) {
+    case mgrd_sender::daemon: return peer_.send(client, datagram.content);
+    case mgrd_sender::stranger: return stranger_.send(client, datagram.content);
+    case mgrd_sender::nameless: return local_peer{{}}.send(client, datagram.content);
     }
 }
 

@@ -7,10 +7,13 @@
 namespace site
 {
 
+/// Whose socket a datagram comes from: the daemon's, one at another path, or one without a name.
+enum class mgrd_sender { daemon, stranger, nameless };
+
 /// What the daemon sends back, one datagram after the other.
 struct mgrd_datagram {
     bytes content;
-    bool from_stranger = false; ///< from another socket than the daemon's
+    mgrd_sender sender = mgrd_sender::daemon;
 };
 using mgrd_answer = std::vector<mgrd_datagram>;
 
@@ -39,6 +42,7 @@ public:
 
 private:
     void serve();
+    void send(const local_address &client, const mgrd_datagram &datagram);
     std::optional<bytes> receive_message(local_address &from);
     std::string json_of(const bytes &message);
 

@@ -79,7 +79,7 @@ TEST(Xwd, ReportsStartLifeAndEnd)
             xwd_start();
             pause();
         },
-        200ms);
+        500ms);
     EXPECT_EQ("S", silent.heard);
     EXPECT_TRUE(silent.killed);
     EXPECT_EQ(SIGKILL, WTERMSIG(silent.status));
