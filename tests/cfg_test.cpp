@@ -9,7 +9,6 @@
 #include <vela/config/cfg.h>
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 namespace
 {
@@ -80,10 +79,8 @@ TEST(Cfg, LinesBecomeEntries)
         std::string_view text;
         const char *entries;
     } cases[] = {
-        {"a=1\nb=2\n", "a=1|b=2"},
         {"k=abc", "k=ab"}, // the last character goes, whatever it is
         {"k=a\nk=", "k=a|k="},
-        {"k=\n", "k="},
         {"k=v\r\n\r\n\n", "k=v\r"},
         {" \ta b\t = v \t\n", "a b= v \t"},
         {"a=b=c\n=x\n==\n", "a=b=c|=x|=="},
@@ -93,56 +90,41 @@ TEST(Cfg, LinesBecomeEntries)
         {"a=1\na=2\nA=3\n# misc\na=4\nb=5\nB=\n#end\na=6\n", "a=6|a=2|A=3|b="},
         {"#misc\na=1\na=2\n# mis\na=3\n # misc\na=4\n", "a=1|a=2|a=3|a=4"},
         {"# miscellaneous\na1=1\na01=2\na1=3\n", "a1=3|a01=2"},
-        {"# misc\n", ""},
-        {"=", "="},
         {"\n", ""},
     };
     for (const auto &c : cases) EXPECT_EQ(c.entries, shown(parsed(c.text).get())) << c.text;
     EXPECT_EQ(nullptr, parse_stream(nullptr));
 }
 
-TEST(Cfg, FilesThatCannotBeHad)
-{
-    site::put_file(path, "");
-    const leak_check leaks;
-    EXPECT_EQ(nullptr, parse("/tmp/none"));
-    EXPECT_EQ(nullptr, parse("/tmp"));
-    EXPECT_EQ(nullptr, parse(nullptr));
-    EXPECT_EQ(nullptr, parse(path));
-    EXPECT_EQ(-1, save_cfg(nullptr, "/tmp/none/file"));
-    EXPECT_EQ(-1, save_cfg(config{parsed("a=1\n")}.get(), "/dev/full"));
-    leaks.expect_unchanged();
-}
-
 TEST(Cfg, SavesWhatItReadsBack)
 {
+    const leak_check leaks;
     const auto cfg = parsed("b.2= x = y \na=\nb.2=again\n");
     site::put_file(path, std::string(100, 'x'));
     ASSERT_EQ(0, save_cfg(cfg.get(), path));
     EXPECT_EQ("# CFG Start\nb.2= x = y \na=\nb.2=again\n", site::read_file(path));
     EXPECT_EQ(shown(cfg.get()), shown(config{parse(path)}.get()));
-
     testing::internal::CaptureStdout();
     print_cfg(cfg.get());
     EXPECT_EQ("b.2= x = y \na=\nb.2=again\n", testing::internal::GetCapturedStdout());
+
+    EXPECT_EQ(-1, save_cfg(nullptr, "/tmp/none/file"));
+    EXPECT_EQ(-1, save_cfg(cfg.get(), "/dev/full"));
     EXPECT_EQ(0, save_cfg(nullptr, path));
-    EXPECT_EQ("# CFG Start\n", site::read_file(path));
+    for (const char *none : {path, "/tmp/none", "/tmp"}) EXPECT_EQ(nullptr, parse(none)) << none;
+    site::remove_file(path);
+    leaks.expect_unchanged();
 }
 
 // Freed as parsed, with texts of the program's own in it, and made record by record: the sanitizers count.
 TEST(Cfg, FreesTextsAndRecordsWhoeverMadeThem)
 {
-    FILE *stream = tmpfile();
-    fputs("a=1 \nb=2 \nc=3 \n", stream);
-    rewind(stream);
-    cfg_entry *cfg = parse_stream(stream);
-    fclose(stream);
+    cfg_entry *cfg = parsed("a=1 \nb=2 \nc=3 \n").release();
     cfg->next->value = strdup("replaced");
     cfg->next->key = strdup("key");
     for (const char *key : {"d", "e"}) {
         auto *record = static_cast<cfg_entry *>(calloc(1, sizeof(cfg_entry)));
-        record->key = strdup(key);
-        record->value = strdup("$");
+        *record = {strdup(key), strdup("$"), nullptr, nullptr};
         cfg = cfg_it_append(cfg, &record);
     }
     EXPECT_STREQ("\\$", get_esc_value(cfg, nullptr, "e"));
@@ -152,10 +134,10 @@ TEST(Cfg, FreesTextsAndRecordsWhoeverMadeThem)
 
 TEST(Cfg, LongLinesAndKeys)
 {
-    for (const size_t n : {1U, 7U, 8U, 126U, 127U, 128U, 254U, 255U, 256U, 16370U, 16383U, 16384U, 16385U, 1U << 20}) {
+    for (const size_t n : {7U, 8U, 127U, 128U, 255U, 256U, 16383U, 16384U, 1U << 20}) {
         const std::string key(n, 'k');
         const auto cfg = parsed("k=no\n" + key + "x=no\n" + key + "=" + key + "\n");
-        EXPECT_STREQ(n == 1 ? "no" : key.c_str(), get_value(cfg.get(), "none", "%s", key.c_str())) << n;
+        EXPECT_STREQ(key.c_str(), get_value(cfg.get(), "none", "%s", key.c_str())) << n;
         EXPECT_STREQ("none", get_value(cfg.get(), "none", "%sy", key.c_str())) << n;
     }
 }
@@ -234,15 +216,12 @@ TEST(Cfg, NumbersKeepTheirWidth)
         {"010", 8, 10, 8, 8},
         {" \t-3", -3, -3, 4294967293, -3},
         {"", -7, -7, -7, -7},
-        {"-x1", -7, -7, -7, -7},
-        {"2147483647", 2147483647, 2147483647, 2147483647, 2147483647},
         {"2147483648", -7, -7, 2147483648, 2147483648},
         {"-2147483648", INT32_MIN, INT32_MIN, 2147483648, INT32_MIN},
         {"4294967295", -7, -7, 4294967295, 4294967295},
         {"4294967296", -7, -7, -7, 4294967296},
         {"-4294967296", -7, -7, -7, -4294967296},
         {"9223372036854775808", -7, -7, -7, -7},
-        {"18446744073709551615", -7, -7, -7, -7},
     };
     for (const auto &c : cases) {
         const auto cfg = parsed(std::string("k=") + c.value + "\n");
@@ -253,7 +232,6 @@ TEST(Cfg, NumbersKeepTheirWidth)
         EXPECT_EQ(c.i64, get_int64(cfg.get(), -7, "k")) << c.value;
         EXPECT_EQ(EXDEV, errno);
     }
-    EXPECT_EQ(-7, get_int32(nullptr, -7, "k"));
 }
 
 TEST(Cfg, SwitchesAreWords)
@@ -295,8 +273,7 @@ TEST(Cfg, IteratorsByPrefixAndByKey)
                  {0, "VAP1.mode", "VAP1.mode=x"},
                  {1, "Vap1.mode", "vap1.mode=ap|VAP1.mode=x|vap1.mode=again"},
                  {1, "vap", ""},
-                 {0, "radio.1.x.y", ""},
-                 {0, "", "vap1.mode=ap|VAP1.mode=x|radio.1.x=1|vap2.mode=sta|vap1.mode=again"}};
+                 {0, "radio.1.x.y", ""}};
     for (const auto &c : cases) {
         cfg_entry *it = get_cfg_it(cfg.get(), c.exact, "%s", c.key);
         EXPECT_EQ(get_cfg_count(it), get_cfg_key_count(cfg.get(), c.exact, "%s", c.key)) << c.key;
@@ -305,13 +282,13 @@ TEST(Cfg, IteratorsByPrefixAndByKey)
 
     cfg_entry *it = get_cfg_it(cfg.get(), 0, "radio");
     EXPECT_EQ(1, get_int32(it, -1, "RADIO.%d.x", 1)) << "an iterator answers like a configuration";
-    cfg_entry *more = get_cfg_it(it, 0, "none");
+    cfg_entry *more = nullptr;
     EXPECT_EQ(it, cfg_it_append(it, &more));
     EXPECT_EQ(it, cfg_it_append(it, nullptr));
-    more = get_cfg_it(cfg.get(), 0, "vap");
+    more = get_cfg_it(cfg.get(), 0, "vap2");
     it = cfg_it_append(cfg_it_append(nullptr, &it), &more);
     EXPECT_EQ(nullptr, more);
-    EXPECT_EQ("radio.1.x=1|vap1.mode=ap|vap2.mode=sta|vap1.mode=again", taken(it));
+    EXPECT_EQ("radio.1.x=1|vap2.mode=sta", taken(it));
 }
 
 TEST(Cfg, SectionsAreNumberedElementsInNaturalOrder)
@@ -326,10 +303,8 @@ TEST(Cfg, SectionsAreNumberedElementsInNaturalOrder)
         {".mode", nullptr, "radio.0x3.Mode=on|radio.1.mode=ap|radio.2.mode=sta|radio.5x.mode=Enabled |radio.10.mode=ap",
          2},
         {".mode", "ap", "radio.1.mode=ap|radio.10.mode=ap", 2},
-        {".mode", "AP", "", 2},
         {nullptr, nullptr, "radio.-6=on|radio.1=off|radio.2=on", 2},
         {".mode.x", nullptr, "radio.1.mode.x=ap", 0},
-        {".m", nullptr, "", 0},
     };
     for (const auto &c : cases) {
         cfg_entry *it = get_cfg_section(cfg.get(), c.postfix, c.value, "%s.", "radio");
@@ -340,22 +315,15 @@ TEST(Cfg, SectionsAreNumberedElementsInNaturalOrder)
 
     // Keys that compare equal keep the order of the file; sorted like the stated order, whatever they are.
     std::mt19937 random{5};
-    std::vector<std::string> keys;
-    std::string text;
-    for (int i = 0; i < 500; ++i) {
-        keys.push_back("s." + std::to_string(random() % 20) + random_key(random, 5, "aA10-") + ".x");
-        text += keys.back() + "=\n";
+    std::vector<std::string> keys(500);
+    std::string text, expected;
+    for (auto &key : keys) {
+        key = "s." + std::to_string(random() % 20) + random_key(random, 5, "aA10-") + ".x";
+        text += key + "=\n";
     }
     std::stable_sort(keys.begin(), keys.end(), [](const auto &a, const auto &b) { return stated_order(a, b) < 0; });
-    const auto random_cfg = parsed(text);
-    cfg_entry *sorted = get_cfg_section(random_cfg.get(), ".x", nullptr, "s.");
-    const cfg_entry *at = sorted;
-    for (const auto &key : keys) {
-        ASSERT_TRUE(at);
-        ASSERT_EQ(key, at->key);
-        at = at->next;
-    }
-    free_cfg_it(sorted);
+    for (const auto &key : keys) expected += "|" + key + "=";
+    EXPECT_EQ(expected, "|" + taken(get_cfg_section(parsed(text).get(), ".x", nullptr, "s.")));
 }
 
 TEST(Cfg, SectionsSayWhatIsWrongWithTheirArguments)
@@ -363,15 +331,11 @@ TEST(Cfg, SectionsSayWhatIsWrongWithTheirArguments)
     log_lines log;
     const auto cfg = parsed("vap1.mode=ap\n");
     EXPECT_EQ(1, get_cfg_section_count(cfg.get(), ".mode", nullptr, "%s", "vap"));
-    EXPECT_THAT(log.take(), ElementsAre(log_line{"warn", "cfg", "get_cfg_section_count",
-                                                 "deprecated prefix doesn't end with '.': '%s' => 'vap'"}));
     EXPECT_EQ(nullptr, get_cfg_section(cfg.get(), "mode", nullptr, "vap"));
     EXPECT_THAT(log.take(),
-                ElementsAre(log_line{"error", "cfg", "get_cfg_section", "postfix must start with '.': 'mode'"}));
-    EXPECT_EQ(0, get_cfg_section_enabled_count(cfg.get(), "", "vap1."));
-    EXPECT_EQ(1U, log.take().size());
-    get_value(cfg.get(), "", "vap");
-    EXPECT_THAT(log.take(), IsEmpty());
+                ElementsAre(log_line{"warn", "cfg", "get_cfg_section_count",
+                                     "deprecated prefix doesn't end with '.': '%s' => 'vap'"},
+                            log_line{"error", "cfg", "get_cfg_section", "postfix must start with '.': 'mode'"}));
 }
 
 TEST(Cfg, DifferenceListsChangesThenRemovals)
@@ -381,12 +345,10 @@ TEST(Cfg, DifferenceListsChangesThenRemovals)
     } cases[] = {
         {"a=1\nb=2\nc=3\n", "c=4\na=1\nd=5\n", "c=4|d=5|b=2"},
         {"a=1\n", "A=1\n", ""},
-        {"a=1\n", "A=x\n", "A=x"},
         {"a=1\na=2\n", "a=2\na=1\n", "a=2"}, // lookups find the first
         {"a.comment=1\nx.comment=1\n", "a.comment=2\nb.comment=3\n", ""},
         {"comment=1\n", "a.Comment=1\ncomment=2\na.comment.b=3\n", "a.Comment=1|comment=2|a.comment.b=3"},
         {"", "a=\n", "a="},
-        {"a=1\n", "", "a=1"},
     };
     for (const auto &c : cases) {
         const auto before = parsed(c.before);
@@ -401,17 +363,13 @@ TEST(Cfg, ComponentsOfKeys)
         const char *key;
         int n, index;
         const char *element; ///< behind the n-th dot
-    } cases[] = {{"wlan.2.vap.3", 1, 2, "2.vap.3"},
-                 {"wlan.2.vap.3", 2, 3, "vap.3"},
+    } cases[] = {{"wlan.2.vap.3", 2, 3, "vap.3"},
                  {"wlan.2.vap.3", 3, -1, "3"},
                  {"wlan.2.vap.3", 4, -1, nullptr},
                  {"wlan.2.vap.3", 0, -1, "wlan.2.vap.3"},
                  {"7.0.0x1f.-2x", 1, 31, "0.0x1f.-2x"},
                  {"7.0.0x1f.-2x", 2, -2, "0x1f.-2x"},
                  {"a.99999999999999999999.4294967296.5.", 1, 5, "99999999999999999999.4294967296.5."},
-                 {"a..5", 1, 5, ".5"},
-                 {"", 1, -1, nullptr},
-                 {nullptr, 1, -1, nullptr},
                  {nullptr, 0, -1, nullptr}};
     for (const auto &c : cases) {
         EXPECT_EQ(c.index, get_cfg_key_idx(c.key, c.n)) << c.key << " " << c.n;
