@@ -1,4 +1,4 @@
-// Any file: every query, and what is saved reads back the same.
+// Any file: every key is found, and what is saved reads back the same.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -27,23 +27,13 @@ void ask(cfg_entry *cfg, const char *key)
     const char *value = get_value(cfg, nullptr, "%s", key);
     check(value && get_cfg_key_count(cfg, 1, "%s", key) > 0 && get_cfg_key_count(cfg, 0, "%s", key) > 0);
     check(strlen(get_esc_value(cfg, nullptr, "%s", key)) >= strlen(value));
-    get_int32(cfg, 0, "%s", key);
-    get_uint32(cfg, 0, "%s", key);
-    get_int32_dec(cfg, 0, "%s", key);
-    get_int64(cfg, 0, "%s", key);
-    get_bool(cfg, 0, "%s", key);
-    get_cfg_key_idx(key, 2);
-    get_key_element(key, 2);
 }
 
 void check_sections(const cfg_entry *cfg)
 {
-    for (const char *postfix : {static_cast<const char *>(nullptr), ".x"}) {
-        cfg_entry *elements = get_cfg_section(cfg, postfix, nullptr, "s.");
-        check(get_cfg_count(elements) == get_cfg_section_count(cfg, postfix, nullptr, "s."));
-        check(get_cfg_section_enabled_count(cfg, postfix, "s.") <= get_cfg_count(elements));
-        free_cfg_it(elements);
-    }
+    cfg_entry *elements = get_cfg_section(cfg, ".x", nullptr, "s.");
+    check(get_cfg_count(elements) == get_cfg_section_count(cfg, ".x", nullptr, "s."));
+    free_cfg_it(elements);
 }
 
 /// Keys that start like a comment or an empty line are written as they are, and read back as none.
@@ -77,11 +67,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     check_saved(cfg);
 
     cfg_entry *half = parse_bytes(data, size / 2);
-    cfg_entry *changes = get_cfg_diff_it(half, cfg);
-    get_value(changes, nullptr, "s.1.x");
-    free_cfg_it(changes);
-    changes = get_cfg_diff_it(cfg, cfg);
-    free_cfg_it(changes);
+    free_cfg_it(get_cfg_diff_it(half, cfg));
     free_cfg(half);
     free_cfg(cfg);
     return 0;
