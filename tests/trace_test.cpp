@@ -226,8 +226,7 @@ TEST_F(Trace, EachFailureBeyondTheFourthDoublesTheWait)
 TEST_F(Trace, ReferenceCountsCanBeSeen)
 {
     json_t *value = parsed(R"({"a": ["x"]})");
-    json_incref(value);
-    dump_refcount(value);
+    dump_refcount(json_incref(value));
     dump_refcount(nullptr);
     EXPECT_THAT(log.texts(), ElementsAre("refcount=2", "{", "a:", "refcount=1", "[", "[0]:", "refcount=1", "]", "}"));
     json_decref(value);
