@@ -105,8 +105,8 @@ struct node {
         for (int i = 0; i < table.count; ++i) {
             scan_list *list = table.entries[i].scan;
             for (scan_entry *e = list->first; e != reinterpret_cast<scan_entry *>(list); e = e->next) {
-                // Nobody may begin to transmit at 6 GHz in this machine: WPA3 is required there, and its kernel has not
-                // the ciphers. So one parent works at 5 GHz, and only its record is moved.
+                // No access point could be made to begin at 6 GHz in this machine. So one parent works at 5 GHz, and
+                // only its record is moved.
                 if (e->serial[5] == root_6g) e->freq = 5975;
                 sound &known = heard[e->serial[5]];
                 if (e->rssi > known.figure) known = {e->rssi, 0};
