@@ -80,7 +80,9 @@ public:
         pid_ = fork();
         if (pid_ == 0) {
             (void)setpgid(0, 0);
-            if (dup2(input.get(), STDOUT_FILENO) >= 0) execvp(command[0], const_cast<char *const *>(command));
+            // Where our own standard output was closed the pipe may have its number: then dup2 leaves close-on-exec on.
+            if (dup2(input.get(), STDOUT_FILENO) >= 0 && fcntl(STDOUT_FILENO, F_SETFD, 0) == 0)
+                execvp(command[0], const_cast<char *const *>(command));
             _exit(127);
         }
         if (pid_ > 0) (void)setpgid(pid_, pid_); // whoever comes first
