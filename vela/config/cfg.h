@@ -37,8 +37,8 @@ extern "C" {
 typedef struct cfg_entry cfg_entry;
 /**
  * One record. Its texts belong to the configuration and live as long. All records of a parsed configuration and their
- * texts are one block; a program may put a text of its own, from malloc, in the place of one, or make a list record by
- * record: free_cfg() gives back either.
+ * texts are one block; a program may put a text of its own, from malloc, in the place of one (without freeing that),
+ * put records of its own before or behind, or make a list record by record: free_cfg() gives all of it back.
  */
 struct cfg_entry {
     char *key;
