@@ -2,6 +2,7 @@
 #include "tests/support/faults.h"
 #include "tests/support/leaks.h"
 #include "tests/support/log_lines.h"
+#include "tests/support/table.h"
 
 #include <climits>
 #include <fcntl.h>
@@ -17,62 +18,53 @@ using testing::ElementsAre;
 namespace
 {
 
-template <class... Columns> using table = std::vector<std::tuple<Columns...>>;
+constexpr const char *file = "/tmp/dir/file", *missing = "/tmp/dir/missing", *null = nullptr;
 
-constexpr const char *file = "/tmp/dir/file";
-constexpr const char *missing = "/tmp/dir/missing";
+std::string mode_of(const std::string &path) { return site::output_of("stat -c %a " + path); }
 
-std::string mode_of(const char *path) { return site::output_of("stat -c %a "s + path); }
-
-log_line util_error(const char *function, const char *text) { return {"error", "libvela_util", function, text}; }
+log_line error(const char *function, const char *text) { return {"error", "libvela_util", function, text}; }
 
 } // namespace
 
-TEST(File, FirstLineEndsAtAFeedAReturnOrABell)
-{
-    const leak_check leaks;
-    const table<std::string, std::string> cases = {
-        {"one\ntwo\n", "one"}, {"one\r\n", "one"},     {"o\ane", "o"},           {" ", " "},
-        {"\n", "\n"},          {"\rone\n", "\rone\n"}, {"0123456789", "0123456"}};
-    for (const auto &[content, line] : cases) {
-        site::put_file(file, content);
-        char buffer[8], at[8];
-        EXPECT_EQ(0, fsreadline(file, buffer, sizeof buffer));
-        EXPECT_EQ(line, buffer);
-        EXPECT_EQ(line, freadlineat(AT_FDCWD, file, at, sizeof at, "default"));
-    }
-    site::remove_file("/tmp/dir");
-    leaks.expect_unchanged();
-}
-
-TEST(File, AnUnreadableLineGivesErrnoOrTheDefault)
+TEST(File, FirstLineOrErrnoOrTheDefault)
 {
     log_lines log;
+    const leak_check leaks;
     char buffer[8], untouched = '#';
-    site::put_file(file, "");
-    for (const int before : {0, EXDEV}) { // an empty file has no errno of its own
-        errno = before;
-        EXPECT_EQ(-before, fsreadline(file, buffer, sizeof buffer));
+    const table<std::string, std::string> lines = {
+        {"one\ntwo\n", "one"}, {"one\r\n", "one"},     {"o\ane", "o"},           {" ", " "},
+        {"\n", "\n"},          {"\rone\n", "\rone\n"}, {"0123456789", "0123456"}};
+    for (const auto &[content, line] : lines) {
+        site::put_file(file, content);
+        EXPECT_EQ(0, fsreadline(file, buffer, sizeof buffer));
+        EXPECT_EQ(line, buffer);
+        EXPECT_EQ(line, freadlineat(AT_FDCWD, file, buffer, sizeof buffer, nullptr));
     }
-    EXPECT_EQ(-ENOENT, fsreadline(missing, buffer, sizeof buffer));
-    EXPECT_EQ(-EISDIR, fsreadline("/tmp", buffer, sizeof buffer));
-    EXPECT_EQ(-EINVAL, fsreadline(nullptr, buffer, sizeof buffer));
-    errno = 0;
-    EXPECT_STREQ("default", freadline(file, buffer, sizeof buffer, "default and more"));
-    EXPECT_STREQ("default", freadlineat(AT_FDCWD, missing, buffer, sizeof buffer, "default"));
-    freadline(file, &untouched, 0, "x"), freadvalue(file, "there", &untouched, 0, "x");
+    site::put_file(file, "");
+    const table<const char *, int, int> failures = {// an empty file has no errno of its own
+                                                    {file, 0, 0},
+                                                    {file, EXDEV, -EXDEV},
+                                                    {missing, 0, -ENOENT},
+                                                    {"/tmp", 0, -EISDIR},
+                                                    {nullptr, 0, -EINVAL}};
+    for (const auto &[path, before, result] : failures) {
+        errno = before;
+        EXPECT_EQ(result, fsreadline(path, buffer, sizeof buffer));
+        EXPECT_STREQ("default", freadline(path, buffer, sizeof buffer, "default and more"));
+        EXPECT_STREQ("default", freadlineat(AT_FDCWD, path, buffer, sizeof buffer, "default"));
+    }
+    freadline(file, &untouched, 0, "x"), freadvalue(file, "key", &untouched, 0, "x");
     EXPECT_EQ('#', untouched);
-    EXPECT_STREQ("default", freadline(file, buffer, sizeof buffer, "default"));
     EXPECT_THAT(log.take(), ElementsAre());
 
     EXPECT_STREQ("", freadline(missing, buffer, sizeof buffer, nullptr));
     EXPECT_STREQ("", freadlineat(AT_FDCWD, nullptr, buffer, sizeof buffer, nullptr));
     EXPECT_STREQ("", freadvalue(missing, "key", buffer, sizeof buffer, nullptr));
-    site::put_file(file, "there");
-    EXPECT_STREQ("there", freadline(file, buffer, sizeof buffer, nullptr)); // not needed, not logged
     const char *text = "NULL pointer for default value";
-    EXPECT_THAT(log.take(), ElementsAre(util_error("freadline", text), util_error("freadlineat", text),
-                                        util_error("freadvalue", text)));
+    EXPECT_THAT(log.take(),
+                ElementsAre(error("freadline", text), error("freadlineat", text), error("freadvalue", text)));
+    site::remove_file("/tmp/dir");
+    leaks.expect_unchanged();
 }
 
 TEST(File, LinesAndValuesByKey)
@@ -86,20 +78,22 @@ TEST(File, LinesAndValuesByKey)
         {"speed=\nother speed=1\nspeed=3=4\n", "3"},
         {"speed=0123456789abcdefgh", "0123456789abcde"},
         {std::string(249, 'x') + "speed=1\nspeed=2\n", "2"}, // a piece ends behind the first "speed",
-        {std::string(254, 'x') + "speed=1\n", "1"},          // another before it
-    };
+        {std::string(254, 'x') + "speed=1\n", "1"}};         // another before it
     for (const auto &[content, expected] : cases) {
         site::put_file(file, content);
         EXPECT_STREQ(expected, freadvalue(file, "speed", value, sizeof value, "default")) << content;
     }
     site::put_file(file, "first\na needle\nneedles\n");
-    EXPECT_EQ(0, fsreadlinebykey(file, "eedle", line, sizeof line));
-    EXPECT_STREQ("a needl", line);
-    EXPECT_EQ(0, fsreadlinebykey(file, "fir", line, sizeof line));
-    EXPECT_STREQ("first\n", line) << "the line feed too";
-    EXPECT_EQ(-1, fsreadlinebykey(file, "Needle", line, sizeof line));
-    EXPECT_EQ(-1, fsreadlinebykey(missing, "a", line, sizeof line));
-    EXPECT_EQ(-1, fsreadlinebykey(file, nullptr, line, sizeof line));
+    const table<const char *, const char *, int, const char *> needles = {
+        {file, "Needle", -1, "#######"},
+        {missing, "a", -1, "#######"},
+        {file, nullptr, -1, "#######"},
+        {file, "eedle", 0, "a needl"},
+        {file, "fir", 0, "first\n"}}; // the line feed too
+    for (const auto &[path, needle, result, found] : needles) {
+        EXPECT_EQ(result, fsreadlinebykey(path, needle, line, sizeof line));
+        EXPECT_STREQ(found, line);
+    }
 }
 
 TEST(File, NumbersInEveryBase)
@@ -119,8 +113,7 @@ TEST(File, NumbersInEveryBase)
     site::put_file(file, "1.2345678901234567");
     EXPECT_DOUBLE_EQ(1.234567890123, freaddouble(file, 0)) << "14 characters";
     EXPECT_DOUBLE_EQ(0.5, freaddouble(missing, 0.5));
-    EXPECT_EQ(7, freadlong(nullptr, 7));
-    EXPECT_EQ(7, freadlongat(AT_FDCWD, missing, 7));
+    EXPECT_EQ(14, freadlong(nullptr, 7) + freadlongat(AT_FDCWD, missing, 7));
 }
 
 TEST(File, WritersReplaceAndAddersAdd)
@@ -138,22 +131,19 @@ TEST(File, WritersReplaceAndAddersAdd)
     EXPECT_EQ(0, fwritelongat(directory, "long", -3));
     EXPECT_EQ(0, faddlongat(directory, "count", 5));
     EXPECT_EQ(0, faddi64at(directory, "hex", int64_t{1} << 40));
-    for (const auto &[path, content, mode] :
-         table<const char *, std::string, const char *>{{"/tmp/dir/old", std::to_string(LONG_MIN + 9) + "\n", "644\n"},
-                                                        {"/tmp/dir/sum", "-7\n", "644\n"},
-                                                        {"/tmp/dir/line", "ab", "600\n"},
-                                                        {"/tmp/dir/long", "-3\n", "600\n"},
-                                                        {"/tmp/dir/count", "5\n", "600\n"},
-                                                        {"/tmp/dir/hex", "1099511627792\n", "644\n"}}) {
-        EXPECT_EQ(content, site::read_file(path)) << path;
-        EXPECT_EQ(mode, mode_of(path)) << path;
+    const auto no_cut = std::make_unique<faults::refuse>(faults::call::ftruncate, EIO);
+    EXPECT_EQ(-1, faddlongat(directory, "count", 5));
+    const table<std::string, std::string, const char *> files = {{"old", std::to_string(LONG_MIN + 9) + "\n", "644\n"},
+                                                                 {"sum", "-7\n", "644\n"},
+                                                                 {"line", "ab", "600\n"},
+                                                                 {"long", "-3\n", "600\n"},
+                                                                 {"count", "5\n", "600\n"},
+                                                                 {"hex", "1099511627792\n", "644\n"}};
+    for (const auto &[name, content, mode] : files) {
+        EXPECT_EQ(content, site::read_file("/tmp/dir/" + name)) << name;
+        EXPECT_EQ(mode, mode_of("/tmp/dir/" + name)) << name;
     }
-    {
-        const faults::refuse no_cut(faults::call::ftruncate, EIO);
-        EXPECT_EQ(-1, faddlongat(directory, "count", 5));
-    }
-    EXPECT_EQ("5\n", site::read_file("/tmp/dir/count"));
-    for (const char *nowhere : {"/tmp/none/file", "/dev/full", static_cast<const char *>(nullptr)}) {
+    for (const char *nowhere : {"/tmp/none/file", "/dev/full", null}) {
         EXPECT_EQ(-4, fwriteline(nowhere, "a") + faddlong(nowhere, 1) + fwritelongat(AT_FDCWD, nowhere, 1) +
                           faddi64at(AT_FDCWD, nowhere, 1));
     }
@@ -175,11 +165,9 @@ TEST(File, FormattedPathsAndTouchedFiles)
     EXPECT_EQ(ENAMETOOLONG, errno);
     EXPECT_EQ(nullptr, fopen_format("", "%s", file));
 
-    EXPECT_EQ(0, touch_file(file, 0751));
+    EXPECT_EQ(0, touch_file(file, 0751) + touch_file(missing, 0640));
     EXPECT_EQ("Kept", site::read_file(file));
-    EXPECT_EQ("751\n", mode_of(file));
-    EXPECT_EQ(0, touch_file(missing, 0640));
-    EXPECT_EQ("640\n", mode_of(missing));
+    EXPECT_EQ("751\n640\n", mode_of(file + " "s + missing));
     EXPECT_EQ(-1, touch_file("/tmp/none/file", 0600));
     EXPECT_THAT(log.take(), ElementsAre(log_line{"error", "libvela_status", "touch_file",
                                                  "/tmp/none/file - 2/No such file or directory"}));
@@ -204,61 +192,58 @@ TEST(File, WholeFilesAsBase64)
     EXPECT_EQ(nullptr, load_file_base64(nullptr));
     EXPECT_THAT(log.take(), ElementsAre());
 
-    FILE *pipe = popen("true", "re");
+    FILE *pipe = popen("true", "re"), *writing = fopen(file, "ae");
     EXPECT_EQ(nullptr, load_file_base64(pipe));
-    pclose(pipe);
-    FILE *writing = fopen(file, "a");
     EXPECT_EQ(nullptr, load_file_base64(writing));
     EXPECT_THAT(log.take(), ElementsAre(log_line{"debug", "libvela_util", "load_file_base64",
                                                  "Couldn't find file size: Illegal seek"},
-                                        util_error("load_file_base64", "Couldn't read all bytes from file")));
+                                        error("load_file_base64", "Couldn't read all bytes from file")));
     ASSERT_EQ(0, ftruncate(fileno(writing), off_t{3} << 30));
     EXPECT_EXIT(load_file_base64(writing), testing::ExitedWithCode(1), "util:674: Out of memory");
+    pclose(pipe);
     fclose(writing);
-    if (!faults::can_refuse_memory) return;
-    const auto make_without_memory = [] {
-        const faults::refuse_memory none(0, true);
-        vl_recursive_mkdir("/tmp/a", 0700);
-    };
-    EXPECT_EXIT(make_without_memory(), testing::ExitedWithCode(1), "util:1399: Out of memory");
 }
 
 TEST(File, TreesAreMadeAndRemoved)
 {
     log_lines log;
     const leak_check leaks;
-    for (const char *path : {"/tmp/tree//a/b/", "/", "/tmp/tree/a"})
+    ASSERT_EQ(0, mkdir("/tmp/tree", 0755) + chdir("/tmp/tree"));
+    for (const char *path : {"/tmp/tree//a/b/", "/", "/tmp/tree/a", "c"}) {
         EXPECT_EQ(0, vl_recursive_mkdir(path, 0750)) << path;
-    EXPECT_EQ("750\n", mode_of("/tmp/tree/a/b"));
-    ASSERT_EQ(0, chdir("/tmp/tree"));
-    EXPECT_EQ(0, vl_recursive_mkdir("c", 0750));
+    }
     ASSERT_EQ(0, chdir("/"));
+    EXPECT_EQ("750\n750\n", mode_of("/tmp/tree/a/b /tmp/tree/c"));
     site::put_file("/tmp/tree/a/file", "");
-    EXPECT_EQ(1, vl_recursive_mkdir("/tmp/tree/a/file/deeper/still", 0700));
-    EXPECT_EQ(1, vl_recursive_mkdir("", 0700));
+    EXPECT_EQ(2, vl_recursive_mkdir("/tmp/tree/a/file/b/c", 0700) + vl_recursive_mkdir("", 0700));
     EXPECT_THAT(log.take(),
-                ElementsAre(util_error("vl_recursive_mkdir",
-                                       "Failed to create '/tmp/tree/a/file/deeper/still': Not a directory"),
-                            util_error("vl_recursive_mkdir", "Failed to create '': No such file or directory")));
+                ElementsAre(error("vl_recursive_mkdir", "Failed to create '/tmp/tree/a/file/b/c': Not a directory"),
+                            error("vl_recursive_mkdir", "Failed to create '': No such file or directory")));
 
     site::put_file("/tmp/other/kept", "");
     ASSERT_EQ(0, symlink("/tmp/other", "/tmp/tree/a/link"));
-    EXPECT_EQ(0, vl_recursive_remove("/tmp/tree", 2));
-    EXPECT_EQ("/tmp/tree\n/tmp/tree/a\n/tmp/tree/c\n", site::output_of("find /tmp/tree | sort"));
-    EXPECT_EQ(0, vl_recursive_remove("/tmp/tree", 1));
-    EXPECT_EQ("/tmp/tree\n", site::output_of("find /tmp/tree"));
-    EXPECT_EQ(0, vl_recursive_remove("/tmp/tree", 0));
-    EXPECT_EQ(0, vl_recursive_remove("/tmp/tree", 0)) << "already gone";
+    const table<int, const char *> left = {
+        {2, "/tmp/tree\n/tmp/tree/a\n/tmp/tree/c\n"}, {1, "/tmp/tree\n"}, {0, ""}, {0, ""}}; // the last: already gone
+    for (const auto &[depth, paths] : left) {
+        EXPECT_EQ(0, vl_recursive_remove("/tmp/tree", depth));
+        EXPECT_EQ(paths, site::output_of("find /tmp/tree 2>/dev/null | sort"));
+    }
     EXPECT_TRUE(site::exists("/tmp/other/kept")) << "links are not followed";
 
-    ASSERT_EQ(0, mkdir("/tmp/other/system", 0755));
-    ASSERT_EQ(0, mount("none", "/tmp/other/system", "tmpfs", 0, nullptr));
+    ASSERT_EQ(0, mkdir("/tmp/other/system", 0755) + mount("none", "/tmp/other/system", "tmpfs", 0, nullptr));
     site::put_file("/tmp/other/system/kept", "");
     EXPECT_EQ(1, vl_recursive_remove("/tmp/other", 0));
     EXPECT_TRUE(site::exists("/tmp/other/system/kept"));
-    ASSERT_EQ(0, umount("/tmp/other/system"));
     EXPECT_THAT(log.take(),
-                ElementsAre(util_error("vl_recursive_remove", "Failed to remove '/tmp/other': Directory not empty")));
+                ElementsAre(error("vl_recursive_remove", "Failed to remove '/tmp/other': Directory not empty")));
+    ASSERT_EQ(0, umount("/tmp/other/system"));
     EXPECT_EQ(0, vl_recursive_remove("/tmp/other", 0));
     leaks.expect_unchanged();
+
+    if (!faults::can_refuse_memory) return;
+    const auto make_without_memory = [] {
+        const faults::refuse_memory none(0, true);
+        vl_recursive_mkdir("/tmp/a", 0700);
+    };
+    EXPECT_EXIT(make_without_memory(), testing::ExitedWithCode(1), "util:1399: Out of memory");
 }
