@@ -201,3 +201,28 @@ TEST(Lldp, ReportNamesTheMainPortsNeighbourAndTheUplinks)
     site::put_program("/usr/local/bin/lldpcli", "sleep 100");
     EXPECT_EQ(-ENOENT, report());
 }
+
+// The real daemon in two network namespaces, one wire between them.
+TEST(Lldp, TheRealDaemon)
+{
+    if (!site::exists("/usr/sbin/lldpd")) GTEST_SKIP() << "lldpd is not installed";
+    be_board(1);
+    ASSERT_EQ(0, site::run("ip netns add far && ip link add eth1 type veth peer name eth9 netns far &&"
+                           "ip link set eth1 up && ip -n far link set eth9 up &&"
+                           "mkdir -p /run/lldpd && getent passwd _lldpd >/dev/null && mkdir -p /run/far"));
+    site::run("setsid lldpd -d -c -e -u /run/lldpd.socket -O /dev/null >/run/lldpd.log 2>&1 & echo $! >/run/near.pid;"
+              "setsid ip netns exec far lldpd -d -u /run/far/lldpd.socket -O /dev/null -S 'Far switch, of the test' "
+              ">/run/far.log 2>&1 & "
+              "echo $! >/run/far.pid");
+    std::string found;
+    for (int i = 0; i < 100 && found.find("Far switch") == std::string::npos; ++i) {
+        if (i % 10 == 0) site::run("lldpcli -u /run/far/lldpd.socket update >/dev/null 2>&1");
+        found = text(vela_get_lldp_json());
+        site::run("sleep 0.2");
+    }
+    EXPECT_THAT(found, testing::HasSubstr(R"("local_port_name":"eth1","is_wired":true,"chassis_id":)"))
+        << site::read_file("/run/lldpd.log") << site::read_file("/run/far.log");
+    EXPECT_THAT(found, testing::HasSubstr("\"chassis_descr\":\"Far switch, of the test\""));
+    EXPECT_THAT(found, testing::HasSubstr("\"local_port_idx\":7"));
+    site::run("kill $(cat /run/near.pid /run/far.pid); sleep 0.3");
+}

@@ -46,7 +46,11 @@ TEST(Uplink, ActiveIndexStaysWithinTheTable)
     EXPECT_EQ(0, passed_active_uplink_wds_iface_index_timetamp_threshold(&t, since + 34));
     EXPECT_EQ(1, passed_active_uplink_wds_iface_index_timetamp_threshold(&t, since + 35)) << "across the wrap";
     EXPECT_EQ(1, passed_active_uplink_wds_iface_index_timetamp_threshold(nullptr, 0));
+    initialize_uplink_wds_ifaces_info(nullptr);
     EXPECT_EQ(-1, set_active_uplink_wds_iface_index(nullptr, 0));
+    EXPECT_EQ(-1, set_active_uplink_wds_iface_index_timestamp(nullptr, 1));
+    EXPECT_EQ(0U, get_active_uplink_wds_iface_index_timestamp(nullptr));
+    EXPECT_EQ(-1, add_uplink_wds_ifaces_info_devname(nullptr, "ath0"));
     EXPECT_EQ(-1, get_uplink_wds_iface_len(nullptr));
     EXPECT_EQ(-1, populate_uplink_wds_ifnames_info_devnames(nullptr));
 }

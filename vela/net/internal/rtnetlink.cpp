@@ -66,11 +66,12 @@ bool socket_::ask(question &q) const
 ssize_t socket_::receive(std::span<uint8_t> into) const
 {
     for (;;) {
+        // A dump is put together while it is read, so that there is rarely anything to wait for.
+        const ssize_t n = recv(fd_.get(), into.data(), into.size(), MSG_DONTWAIT);
+        if (n >= 0) return n;
+        if (errno == EINTR) continue;
         pollfd waiting = {fd_.get(), POLLIN, 0};
-        const int ready = poll(&waiting, 1, patience_ms);
-        if (ready == 0) return -1;
-        const ssize_t n = ready < 0 ? ready : recv(fd_.get(), into.data(), into.size(), 0);
-        if (n >= 0 || errno != EINTR) return n;
+        if (errno != EAGAIN || poll(&waiting, 1, patience_ms) == 0) return -1;
     }
 }
 
