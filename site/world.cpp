@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <initializer_list>
 #include <net/if.h>
 #include <sched.h>
 #include <sstream>
@@ -160,12 +161,17 @@ void lay_out_dev()
     make_directory("/dev/shm");
 }
 
-void make_writable(const std::string &path)
+// Directories of our own in the upper half, since those of the lower half belong to users an unprivileged world does
+// not have. They merge with what they cover.
+void make_writable(const std::string &path, std::initializer_list<const char *> directories)
 {
     const std::string upper = "/run/.world/upper" + path;
     const std::string work = "/run/.world/work" + path;
     make_directory(upper);
     make_directory(work);
+    for (const char *directory : directories) {
+        if (std::filesystem::is_directory(path + "/" + directory)) make_directory(upper + "/" + directory);
+    }
     const std::string options = "lowerdir=" + path + ",upperdir=" + upper + ",workdir=" + work;
     must(mount("overlay", path.c_str(), "overlay", 0, options.c_str()) == 0, path.c_str());
 }
@@ -191,8 +197,8 @@ void lay_out_files()
     lay_out_dev();
     mount_tmpfs("/tmp", "mode=1777");
     mount_tmpfs("/var/log");
-    make_writable("/etc");
-    make_writable("/usr");
+    make_writable("/etc", {"ssl", "ssl/certs"});
+    make_writable("/usr", {"bin", "sbin", "lib", "etc", "local", "local/bin"});
     restore_directories(kept);
 }
 
