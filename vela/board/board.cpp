@@ -144,7 +144,7 @@ int get_num_of_eth_ports(void)
 
 const phy_port *board_get_next_phy(const board_record *rec, unsigned *group, unsigned *port)
 {
-    if (!rec) return nullptr;
+    if (!rec || !group || !port) return nullptr;
     const auto groups = groups_of(*rec);
     for (; *group < groups.size(); ++*group, *port = 0) {
         const auto ports = ports_of(groups[*group]);

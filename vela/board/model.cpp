@@ -1,6 +1,8 @@
 // Predicates over the identified board. The sets of system ids are one table (internal/families.h).
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <string_view>
 #include <unistd.h>
 #include <vela/board/board.h>

@@ -38,7 +38,7 @@ struct wrapper_call {
     pid_t caller;
 };
 
-record_ptr make_record(const char *path, size_t slots)
+record_ptr make_record(std::string_view path, size_t slots)
 {
     record_ptr record{static_cast<exec_record *>(calloc(1, sizeof(exec_record)))};
     if (!record) return {};
@@ -204,7 +204,7 @@ exec_record *exec_copy(const exec_record *src)
 {
     if (!src) return nullptr;
     // On purpose: as many slots as arguments, without a null pointer behind them. A copy is not for execution.
-    record_ptr copy = make_record(src->path, static_cast<size_t>(std::max(src->argc, 1)));
+    record_ptr copy = make_record(vela::field(src->path), static_cast<size_t>(std::max(src->argc, 1)));
     if (!copy) return nullptr;
     copy->argc = src->argc;
     for (int32_t i = 1; i < src->argc; ++i) {
