@@ -190,7 +190,7 @@ TEST(Json, NumberFromTextOrInteger)
         {"int", true, 2, 42, nullptr},
         {"int", false, 0, 99, "JSON object as integer is not acceptable, obj_name radio, key int"},
         {"word", true, 0, 99, "invalid integer 'abc' in object radio, key word"},
-        {"empty", true, 0, 99, "no string for obj_name radio, key empty"},
+        {"empty", true, 0, 99, "invalid integer '' in object radio, key empty"},
         {"real", true, 0, 99, "JSON object is of type 4, not a string or integer, obj_name radio, key real"},
         {"list", true, 0, 99, "JSON object is of type 1, not a string or integer, obj_name radio, key list"},
         {"none", true, 0, 99, "no obj for obj_name radio, key none"},

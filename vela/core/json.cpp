@@ -15,6 +15,7 @@ namespace
 {
 
 constexpr const char *log_module = "libvela_util";
+constexpr const char *integer_reader = "vela_json_integer_value_from_obj";
 
 constexpr size_t member_name_size = 40; // of a series' members, with the NUL
 constexpr size_t series_max = 360;
@@ -46,6 +47,23 @@ vela::json_ref array_of(int64_t value)
 void thin(json_t *array)
 {
     for (size_t i = 1; i < json_array_size(array); ++i) json_array_remove(array, i);
+}
+
+/// Logs as the reader that it is a step of.
+int number_in_string(const json_t *member, const char *object_name, const char *key, int32_t *value)
+{
+    const char *text = json_string_value(member);
+    if (!text) { // jansson has none such; an empty string is a text, though no number
+        log_debug_as(integer_reader, "no string for obj_name %s, key %s", object_name, key);
+        return 0;
+    }
+    int number;
+    if (sscanf(text, "%i", &number) != 1) {
+        log_debug_as(integer_reader, "invalid integer '%s' in object %s, key %s", text, object_name, key);
+        return 0;
+    }
+    *value = number;
+    return 1;
 }
 
 } // namespace
@@ -194,20 +212,7 @@ int vela_json_integer_value_from_obj(const json_t *object, const char *object_na
         log_debug("no obj for obj_name %s, key %s", object_name, key);
         return 0;
     }
-    if (json_is_string(member)) {
-        const char *text = json_string_value(member);
-        int number;
-        if (sscanf(text, "%i", &number) == 1) {
-            *value = number;
-            return 1;
-        }
-        if (*text == '\0') {
-            log_debug("no string for obj_name %s, key %s", object_name, key);
-        } else {
-            log_debug("invalid integer '%s' in object %s, key %s", text, object_name, key);
-        }
-        return 0;
-    }
+    if (json_is_string(member)) return number_in_string(member, object_name, key, value);
     if (!json_is_integer(member)) {
         log_debug("JSON object is of type %d, not a string or integer, obj_name %s, key %s", json_typeof(member),
                   object_name, key);
