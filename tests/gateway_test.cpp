@@ -136,6 +136,8 @@ TEST(Gateway, NeighbourStatesThatCount)
     entry("wan0", "stale");
     EXPECT_EQ("eth0", detect({"wan0", "eth0"}).port) << "an eth port replaces another";
     EXPECT_EQ("wan0", detect({"wan0"}).port);
+    must_run("for i in 0 1; do seq -f \"route add 10.1.$i.%g/32 via 192.168.7.1\" 0 255; done | ip -batch -");
+    EXPECT_EQ("eth0", detect(all_ports).port) << "asked after a dump that was not read to its end";
     must_run("ip -n gw link set far0 down");
     EXPECT_THAT(detect({"eth0"}).log, testing::Contains("neighbor candidate eth0 is down"));
 }

@@ -3,12 +3,9 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <linux/ethtool.h>
 #include <linux/if_bridge.h>
-#include <linux/sockios.h>
 #include <net/if.h>
 #include <net/if_arp.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <vela/core/file.h>
 #include <vela/core/internal/own.h>
@@ -17,6 +14,7 @@
 #include <vela/net/bridge.h>
 #include <vela/net/gateway.h>
 #include <vela/net/internal/default_route.h>
+#include <vela/net/internal/interface.h>
 
 namespace
 {
@@ -102,19 +100,15 @@ int get_ethtool_link_status(const char *ifname)
 {
     if (!is_interface_name(ifname)) return -1;
     const vela::unique_fd fd{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
-    ethtool_value link = {.cmd = ETHTOOL_GLINK, .data = 0};
-    ifreq request = {};
-    vela::copy_text(request.ifr_name, ifname);
-    request.ifr_data = reinterpret_cast<char *>(&link);
-    if (!fd.ok() || ioctl(fd.get(), SIOCETHTOOL, &request) < 0) return -1;
-    return link.data != 0;
+    return fd.ok() ? vela::link_status(fd.get(), ifname) : -1;
 }
 
 int get_uplink_device(char *buf, size_t size)
 {
     if (!buf || size == 0) return -1;
     buf[0] = '\0';
-    const auto route = vela::fetch_default_route();
+    vela::rtnetlink::route_socket kernel;
+    const auto route = vela::fetch_default_route(kernel);
     if (!route) return -1;
     if (is_bridge(route->ifname)) return port_towards(route->ifname, route->gateway_text, buf, size);
     vela::copy_text(buf, size, route->ifname);

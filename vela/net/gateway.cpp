@@ -1,9 +1,8 @@
-// Three questions to the kernel (routes, neighbours, links), each on a route socket of its own, and the choice made
-// from their answers.
+// Three questions to the kernel (routes, neighbours, links) and the choice made from their answers. What one call asks,
+// it asks over one route socket, interfaces' names and link included.
 
 #include <algorithm>
 #include <linux/neighbour.h>
-#include <net/if.h>
 #include <net/if_arp.h>
 #include <sys/socket.h>
 #include <vela/core/internal/log.h>
@@ -12,6 +11,7 @@
 #include <vela/net/bridge.h>
 #include <vela/net/gateway.h>
 #include <vela/net/internal/default_route.h>
+#include <vela/net/internal/interface.h>
 
 namespace rtnetlink = vela::rtnetlink;
 
@@ -103,7 +103,7 @@ bool is_zero(std::span<const uint8_t> bytes)
     return std::all_of(bytes.begin(), bytes.end(), [](uint8_t byte) { return byte == 0; });
 }
 
-std::optional<vela::default_route> as_default_route(const rtnetlink::message &m)
+std::optional<vela::default_route> as_default_route(const rtnetlink::message &m, int socket)
 {
     rtmsg header;
     std::span<const uint8_t> rest;
@@ -121,7 +121,7 @@ std::optional<vela::default_route> as_default_route(const rtnetlink::message &m)
         if (a->type == RTA_TABLE && header.rtm_table == 0) table = a->as<uint32_t>().value_or(table);
     }
     vela::default_route route = {};
-    if (!gateway || !interface || !if_indextoname(*interface, route.ifname)) return std::nullopt;
+    if (!gateway || !interface || !vela::interface_name(socket, *interface, route.ifname)) return std::nullopt;
     route.gateway = *gateway;
     if (!inet_ntop(AF_INET, &route.gateway, route.gateway_text, sizeof route.gateway_text)) return std::nullopt;
     log_trace_as("gateway_fetch_default_route", "%s: default route via %s (table %d)", log_module, route.ifname,
@@ -159,11 +159,12 @@ const port_name *find(std::span<const port_name> candidates, const port_name &na
 }
 
 /// Notes the candidate that a usable entry is on. True when this settles it.
-bool note_port(vela::gateway_neighbour &result, const ndmsg &entry, std::span<const port_name> candidates)
+bool note_port(vela::gateway_neighbour &result, const ndmsg &entry, int socket, std::span<const port_name> candidates)
 {
     port_name name = "";
     if ((entry.ndm_state & usable_states) == 0) return false;
-    if (!if_indextoname(static_cast<unsigned>(entry.ndm_ifindex), name) || !find(candidates, name)) return false;
+    if (!vela::interface_name(socket, static_cast<uint32_t>(entry.ndm_ifindex), name)) return false;
+    if (!find(candidates, name)) return false;
     if (!result.has_port || is_ethernet(name)) vela::copy_text(result.port, name);
     result.has_port = true;
     log_trace_as("gateway_fetch_gateway_neighbor", "%s: neighbor candidate=%s state=0x%x", log_module, name,
@@ -171,13 +172,14 @@ bool note_port(vela::gateway_neighbour &result, const ndmsg &entry, std::span<co
     return (entry.ndm_state & final_states) != 0;
 }
 
-std::optional<vela::gateway_neighbour> fetch_gateway_neighbour(in_addr_t gateway, std::span<const port_name> candidates)
+std::optional<vela::gateway_neighbour> fetch_gateway_neighbour(rtnetlink::route_socket &kernel, in_addr_t gateway,
+                                                               std::span<const port_name> candidates)
 {
     uint8_t buffer[answer_max];
     rtnetlink::question q{.type = RTM_GETNEIGH, .family = AF_INET, .sequence = 1};
-    const auto answer = rtnetlink::dump(q, buffer);
+    const auto answer = kernel.dump(q, buffer);
     if (!answer) return std::nullopt;
-    return vela::find_gateway_neighbour(*answer, q, gateway, candidates);
+    return vela::find_gateway_neighbour(*answer, q, kernel.fd(), gateway, candidates);
 }
 
 /// The port that the forwarding database knows the gateway behind, when it is a candidate with link.
@@ -206,25 +208,26 @@ int detect_in_database(const char *bridge, const uint8_t *mac, std::span<const p
 namespace vela
 {
 
-std::optional<default_route> find_default_route(std::span<const uint8_t> answer, const rtnetlink::question &q)
+std::optional<default_route> find_default_route(std::span<const uint8_t> answer, const rtnetlink::question &q,
+                                                int socket)
 {
     rtnetlink::messages walk{answer, q};
     while (const auto m = walk.next()) {
-        if (const auto route = as_default_route(*m)) return route;
+        if (const auto route = as_default_route(*m, socket)) return route;
     }
     return std::nullopt;
 }
 
-std::optional<default_route> fetch_default_route()
+std::optional<default_route> fetch_default_route(rtnetlink::route_socket &kernel)
 {
     uint8_t buffer[answer_max];
     rtnetlink::question q{.type = RTM_GETROUTE, .family = AF_INET, .sequence = 1};
-    const auto answer = rtnetlink::dump(q, buffer);
+    const auto answer = kernel.dump(q, buffer);
     if (!answer) return std::nullopt;
-    return find_default_route(*answer, q);
+    return find_default_route(*answer, q, kernel.fd());
 }
 
-gateway_neighbour find_gateway_neighbour(std::span<const uint8_t> answer, const rtnetlink::question &q,
+gateway_neighbour find_gateway_neighbour(std::span<const uint8_t> answer, const rtnetlink::question &q, int socket,
                                          in_addr_t gateway, std::span<const char[16]> candidates)
 {
     gateway_neighbour result = {};
@@ -236,7 +239,7 @@ gateway_neighbour find_gateway_neighbour(std::span<const uint8_t> answer, const 
             memcpy(result.mac, n->link_address->data(), sizeof result.mac);
             result.has_mac = true;
         }
-        if (note_port(result, n->header, candidates)) break;
+        if (note_port(result, n->header, socket, candidates)) break;
     }
     return result;
 }
@@ -246,7 +249,8 @@ gateway_neighbour find_gateway_neighbour(std::span<const uint8_t> answer, const 
 int gateway_get_ip(char *ip, uint32_t *addr, size_t len)
 {
     if (!ip || !addr || len == 0) return -1;
-    const auto route = vela::fetch_default_route();
+    rtnetlink::route_socket kernel;
+    const auto route = vela::fetch_default_route(kernel);
     vela::copy_text(ip, len, route ? route->gateway_text : "");
     *addr = route ? route->gateway : 0;
     return route ? 0 : -1;
@@ -295,14 +299,14 @@ int gateway_enum_eth_all(const board_record *board, char (*out)[16], int max)
 int gateway_enum_eth_netlink(char (*out)[16], int max)
 {
     if (!out || max <= 0) return 0;
-    rtnetlink::socket_ route;
+    rtnetlink::route_socket kernel;
     rtnetlink::question q{.type = RTM_GETLINK, .family = AF_UNSPEC, .sequence = ++link_sequence};
-    if (!route.open() || !route.ask(q)) return 0;
+    if (!kernel.ask(q)) return 0;
 
     candidate_list list{out, max, "netlink", __func__};
     uint8_t buffer[answer_max];
     for (bool more = true; more;) {
-        const ssize_t n = route.receive(buffer);
+        const ssize_t n = kernel.receive(buffer);
         if (n < 0) return 0;
         rtnetlink::messages walk{std::span<const uint8_t>{buffer, static_cast<size_t>(n)}, q};
         while (const auto m = walk.next()) add_link(list, *m);
@@ -316,16 +320,17 @@ int gateway_detect_uplink(const char *bridge, char (*candidates)[16], int count,
     if (!bridge || !candidates || count <= 0 || !out || n == 0) return -1;
     const std::span<const port_name> ports{candidates, static_cast<size_t>(count)};
 
-    const auto route = vela::fetch_default_route();
+    rtnetlink::route_socket kernel;
+    const auto route = vela::fetch_default_route(kernel);
     if (!route) {
         log_debug("%s: no default route", log_module);
         return -1;
     }
     log_debug("%s: gateway %s via %s", log_module, route->gateway_text, *route->ifname ? route->ifname : "(unknown)");
 
-    const auto found = fetch_gateway_neighbour(route->gateway, ports);
+    const auto found = fetch_gateway_neighbour(kernel, route->gateway, ports);
     auto seen = found.value_or(vela::gateway_neighbour{});
-    if (seen.has_port && get_ethtool_link_status(seen.port) > 0) {
+    if (seen.has_port && vela::link_status(kernel.fd(), seen.port) > 0) {
         log_debug("%s: neighbor on %s", log_module, seen.port);
         vela::copy_text(out, n, seen.port);
         return 0;

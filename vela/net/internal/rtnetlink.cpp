@@ -28,8 +28,9 @@ bool ends_with_done(std::span<const uint8_t> answer, const question &q)
 
 } // namespace
 
-bool socket_::open()
+bool route_socket::open()
 {
+    unread_ = false;
     fd_.reset(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
     sockaddr_nl address = {};
     address.nl_family = AF_NETLINK;
@@ -40,8 +41,9 @@ bool socket_::open()
     return true;
 }
 
-bool socket_::ask(question &q) const
+bool route_socket::ask(question &q)
 {
+    if ((!fd_.ok() || unread_) && !open()) return false;
     q.port = port_;
     struct {
         nlmsghdr header;
@@ -59,11 +61,12 @@ bool socket_::ask(question &q) const
     request.body.route.rtm_family = q.family; // the family comes first in all three
     if (q.type == RTM_GETROUTE) request.body.route.rtm_table = RT_TABLE_MAIN;
     const sockaddr_nl kernel = {.nl_family = AF_NETLINK, .nl_pad = 0, .nl_pid = 0, .nl_groups = 0};
-    return sendto(fd_.get(), &request, sizeof request, 0, reinterpret_cast<const sockaddr *>(&kernel), sizeof kernel) ==
-           static_cast<ssize_t>(sizeof request);
+    unread_ = sendto(fd_.get(), &request, sizeof request, 0, reinterpret_cast<const sockaddr *>(&kernel),
+                     sizeof kernel) == static_cast<ssize_t>(sizeof request);
+    return unread_;
 }
 
-ssize_t socket_::receive(std::span<uint8_t> into) const
+ssize_t route_socket::receive(std::span<uint8_t> into) const
 {
     for (;;) {
         // A dump is put together while it is read, so that there is rarely anything to wait for.
@@ -75,18 +78,17 @@ ssize_t socket_::receive(std::span<uint8_t> into) const
     }
 }
 
-std::optional<std::span<const uint8_t>> dump(question &q, std::span<uint8_t> buffer)
+std::optional<std::span<const uint8_t>> route_socket::dump(question &q, std::span<uint8_t> buffer)
 {
-    socket_ route;
-    if (!route.open() || !route.ask(q)) return std::nullopt;
+    if (!ask(q)) return std::nullopt;
     size_t used = 0;
-    while (used < buffer.size()) {
-        const ssize_t n = route.receive({buffer.data() + used, buffer.size() - used});
+    while (unread_ && used < buffer.size()) {
+        const ssize_t n = receive({buffer.data() + used, buffer.size() - used});
         if (n < 0) return std::nullopt;
+        if (n == 0) break;
         const std::span<const uint8_t> datagram{buffer.data() + used, static_cast<size_t>(n)};
-        used += datagram.size();
-        if (datagram.empty() || ends_with_done(datagram, q)) break;
-        used = std::min(aligned(used), buffer.size());
+        unread_ = !ends_with_done(datagram, q);
+        used = std::min(aligned(used + datagram.size()), buffer.size());
     }
     return std::span<const uint8_t>{buffer.data(), used};
 }

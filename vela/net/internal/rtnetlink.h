@@ -1,4 +1,4 @@
-// One question to the kernel's routing tables, and the walk over its answer. Everything in an answer is checked against
+// Questions to the kernel's routing tables, and the walk over their answers. Everything in an answer is checked against
 // what is left of it.
 #pragma once
 
@@ -19,25 +19,27 @@ struct question {
     uint32_t port = 0; // as the kernel gave it to the socket
 };
 
-/// A route socket of its own port: not the process's id, which another socket may have taken.
-class socket_
+/// A route socket, opened by its first question, with a port of its own: not the process's id, which another socket may
+/// have taken. Asks one question after the other.
+class route_socket
 {
 public:
-    socket_() = default;
-    /// Opens, binds and reads the port back.
-    [[nodiscard]] bool open();
     /// Sends a dump request; fills in the question's port.
-    [[nodiscard]] bool ask(question &q) const;
+    [[nodiscard]] bool ask(question &q);
     /// One datagram, or what fits of it; negative on failure. EINTR is retried, a silent kernel given up on.
     [[nodiscard]] ssize_t receive(std::span<uint8_t> into) const;
+    /// Asks and reads the whole dump, at most as much as the buffer holds. Nothing on failure.
+    std::optional<std::span<const uint8_t>> dump(question &q, std::span<uint8_t> buffer);
+    /// For requests about interfaces, which any socket takes.
+    [[nodiscard]] int fd() const { return fd_.get(); }
 
 private:
+    bool open();
+
     unique_fd fd_;
     uint32_t port_ = 0;
+    bool unread_ = false; // a dump was asked for and its end not seen: the next question needs another socket
 };
-
-/// Asks and reads the whole dump, at most as much as the buffer holds. Nothing on failure.
-std::optional<std::span<const uint8_t>> dump(question &q, std::span<uint8_t> buffer);
 
 /// One message: its type and what follows its header.
 struct message {
