@@ -56,9 +56,7 @@ bool is_named(const blob_attr *attr, const char *name)
 void take(const blobmsg_policy *policy, int count, blob_attr **tb, blob_attr *attr)
 {
     for (int i = 0; i < count; ++i) {
-        if (tb[i] || !is_named(attr, policy[i].name) || !has_type(attr, policy[i].type)) continue;
-        tb[i] = attr;
-        return;
+        if (!tb[i] && is_named(attr, policy[i].name) && has_type(attr, policy[i].type)) tb[i] = attr;
     }
 }
 
