@@ -93,9 +93,7 @@ std::span<uint8_t> incoming::missing()
 bool incoming::accept_header()
 {
     const size_t length = body_length(header);
-    if (header.version != 0 || length < sizeof header.body || length > body_max || length % BLOB_ATTR_ALIGN != 0) {
-        return false;
-    }
+    if (header.version != 0 || length < sizeof header.body || length > body_max) return false;
     if (payload().empty()) return true;
     body_.reset(static_cast<uint8_t *>(malloc(payload().size())));
     return body_ != nullptr;
