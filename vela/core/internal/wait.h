@@ -23,19 +23,25 @@ inline std::optional<int64_t> monotonic_ns()
 class deadline
 {
 public:
-    explicit deadline(int32_t seconds) : at_ns_{monotonic_ns().value_or(0) + int64_t{seconds} * 1'000'000'000} {}
+    explicit deadline(int32_t seconds) : deadline{now_ns(), int64_t{seconds} * 1'000'000'000} {}
+    static deadline after_ms(int32_t ms) { return {now_ns(), int64_t{ms} * 1'000'000}; }
+    static deadline never() { return {0, INT64_MAX}; }
+    static deadline earlier(deadline a, deadline b) { return a.at_ns_ < b.at_ns_ ? a : b; }
 
     /// What is left, rounded up, as poll takes it; 0 once the moment has come (or the clock is gone).
     [[nodiscard]] int left_ms() const
     {
         const int64_t left_ns = at_ns_ - monotonic_ns().value_or(INT64_MAX);
         if (left_ns <= 0) return 0;
-        const int64_t left = (left_ns + 999'999) / 1'000'000;
+        const int64_t left = left_ns / 1'000'000 + (left_ns % 1'000'000 != 0 ? 1 : 0);
         return left < INT_MAX ? static_cast<int>(left) : INT_MAX;
     }
     [[nodiscard]] bool passed() const { return left_ms() == 0; }
 
 private:
+    deadline(int64_t from_ns, int64_t patience_ns) : at_ns_{from_ns + patience_ns} {}
+    static int64_t now_ns() { return monotonic_ns().value_or(0); }
+
     int64_t at_ns_;
 };
 

@@ -17,6 +17,7 @@ namespace
 {
 
 using namespace vela::bus;
+using vela::deadline;
 
 constexpr std::array status_texts{
     "Success",           "Invalid command",   "Invalid argument",
@@ -167,7 +168,8 @@ void lose(context &c)
     if (c.connection_lost) c.connection_lost(&c);
 }
 
-progress send_message(context &c, message type, uint16_t seq, uint32_t peer, const body_builder &body, deadline until)
+progress send_message(context &c, message type, uint16_t seq, uint32_t peer, const body_builder &body,
+                      const deadline &until)
 {
     const frame_header header{
         .version = 0, .type = type, .seq = blob_be16(seq), .peer = blob_be32(peer), .body = body.body().id_len};
@@ -184,7 +186,7 @@ void answer_call(context &c, const frame_header &call, const attributes &a)
     if (a[attr_objid]) body.number(attr_objid, blob_get_u32(a[attr_objid]));
     if (!body.ok()) return;
     const auto sent =
-        send_message(c, message::status, blob_be16(call.seq), blob_be32(call.peer), body, deadline::after(stall_ms));
+        send_message(c, message::status, blob_be16(call.seq), blob_be32(call.peer), body, deadline::after_ms(stall_ms));
     if (sent == progress::broken) lose(c);
 }
 
@@ -245,7 +247,7 @@ void on_event(uloop_fd *sock, unsigned int /*events*/)
 }
 
 /// Sends a request and handles what arrives until its status has come.
-int perform(context &c, message type, const body_builder &body, exchange &e, deadline until)
+int perform(context &c, message type, const body_builder &body, exchange &e, const deadline &until)
 {
     if (c.sock.fd < 0 || c.sock.eof) return UBUS_STATUS_INVALID_ARGUMENT;
     if (!body.ok()) return UBUS_STATUS_NO_MEMORY;
@@ -263,8 +265,8 @@ int perform(context &c, message type, const body_builder &body, exchange &e, dea
     while (!e.status_msg) {
         if (until.passed()) return UBUS_STATUS_TIMEOUT;
         if (handle_next(c) != progress::nothing_yet) continue;
-        const deadline patience = c.frame.begun() ? deadline::earlier(until, deadline::after(stall_ms)) : until;
-        if (!wait_for(c.sock.fd, POLLIN, patience) && !until.passed()) lose(c);
+        const deadline patience = c.frame.begun() ? deadline::earlier(until, deadline::after_ms(stall_ms)) : until;
+        if (!wait_until(c.sock.fd, POLLIN, patience) && !until.passed()) lose(c);
     }
     return e.status_code;
 }
@@ -295,7 +297,7 @@ int look_up(ubus_context *ctx, const char *path, exchange &e)
 {
     body_builder body;
     if (path) body.text(attr_objpath, path);
-    return perform(inside(ctx), message::lookup, body, e, deadline::after(answer_ms));
+    return perform(inside(ctx), message::lookup, body, e, deadline::after_ms(answer_ms));
 }
 
 } // namespace
@@ -367,7 +369,7 @@ int ubus_invoke(ubus_context *ctx, uint32_t obj, const char *method, blob_attr *
     body.text(attr_method, method);
     body.nested(attr_data, msg);
     return perform(inside(ctx), message::invoke, body, e,
-                   timeout_ms > 0 ? deadline::after(timeout_ms) : deadline::never());
+                   timeout_ms > 0 ? deadline::after_ms(timeout_ms) : deadline::never());
 }
 
 const char *ubus_strerror(int error)

@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <fcntl.h>
 #include <libubus.h>
 #include <poll.h>
@@ -24,23 +23,22 @@ constexpr uint32_t private_channel = 1; // peers above it are connections
 bool would_block() { return errno == EAGAIN || errno == EWOULDBLOCK; }
 
 /// Connects within the time given. A full backlog makes connect wait, and poll cannot wait for it; a send timeout can.
-bool connect_within(int fd, const sockaddr_un &address, deadline until)
+bool connect_within(int fd, const sockaddr_un &address, const deadline &until)
 {
     do {
-        const int64_t left = std::max<int64_t>(until.left_ns(), 1000); // a timeout of 0 would be none
-        const timeval limit{.tv_sec = static_cast<time_t>(left / 1'000'000'000),
-                            .tv_usec = static_cast<suseconds_t>(left % 1'000'000'000 / 1000)};
+        const int left_ms = std::max(until.left_ms(), 1); // a timeout of 0 would be none
+        const timeval limit{.tv_sec = left_ms / 1000, .tv_usec = left_ms % 1000 * 1000};
         if (setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) < 0) return false;
         if (connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0) return true;
     } while (errno == EINTR && !until.passed());
     return false;
 }
 
-bool take_greeting(int fd, uint32_t &local_id, deadline until)
+bool take_greeting(int fd, uint32_t &local_id, const deadline &until)
 {
     incoming hello;
     progress got = progress::nothing_yet;
-    while (got == progress::nothing_yet && wait_for(fd, POLLIN, until)) got = hello.receive(fd);
+    while (got == progress::nothing_yet && wait_until(fd, POLLIN, until)) got = hello.receive(fd);
     if (got != progress::done || hello.header.type != message::hello || !hello.payload().empty()) return false;
     if (blob_be32(hello.header.peer) <= private_channel) return false;
     local_id = hello.header.peer; // in the byte order of the wire, as libubus keeps it
@@ -49,30 +47,13 @@ bool take_greeting(int fd, uint32_t &local_id, deadline until)
 
 } // namespace
 
-int64_t deadline::now_ns()
+bool wait_until(int fd, short events, const deadline &until)
 {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
-}
-
-int64_t deadline::left_ns() const
-{
-    const int64_t now = now_ns();
-    return now < ns_ ? ns_ - now : 0;
-}
-
-bool wait_for(int fd, short events, deadline until)
-{
-    pollfd p{.fd = fd, .events = events, .revents = 0};
-    int ready = 0;
-    do {
-        const int64_t left = until.left_ns();
-        const timespec limit{.tv_sec = static_cast<time_t>(left / 1'000'000'000),
-                             .tv_nsec = static_cast<long>(left % 1'000'000'000)};
-        ready = ppoll(&p, 1, &limit, nullptr);
-    } while (ready < 0 && errno == EINTR);
-    return ready != 0; // an error shows again, in words, when the descriptor is used
+    for (;;) {
+        const wait_result waited = wait_for(fd, events, until);
+        // An error shows again, in words, when the descriptor is used.
+        if (waited != wait_result::failed || errno != EINTR) return waited != wait_result::timeout;
+    }
 }
 
 void incoming::forget()
@@ -112,7 +93,7 @@ progress incoming::receive(int fd)
     return progress::done;
 }
 
-progress send(int fd, frame_header header, std::span<const uint8_t> payload, deadline until)
+progress send(int fd, frame_header header, std::span<const uint8_t> payload, const deadline &until)
 {
     const size_t total = sizeof header + payload.size();
     size_t sent = 0;
@@ -133,8 +114,8 @@ progress send(int fd, frame_header header, std::span<const uint8_t> payload, dea
         }
         if (errno == EINTR) continue;
         if (!would_block()) return progress::broken;
-        const deadline patience = deadline::earlier(until, deadline::after(stall_ms));
-        if (!wait_for(fd, POLLOUT, patience)) return sent == 0 ? progress::nothing_yet : progress::broken;
+        const deadline patience = deadline::earlier(until, deadline::after_ms(stall_ms));
+        if (!wait_until(fd, POLLOUT, patience)) return sent == 0 ? progress::nothing_yet : progress::broken;
     }
     return progress::done;
 }
@@ -147,7 +128,7 @@ int open_connection(const char *path, unique_fd &connection, uint32_t &local_id)
     if (name.size() >= sizeof address.sun_path) return UBUS_STATUS_CONNECTION_FAILED;
     copy_text(address.sun_path, name);
 
-    const deadline until = deadline::after(greeting_ms);
+    const deadline until = deadline::after_ms(greeting_ms);
     unique_fd fd{socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
     if (!fd.ok() || !connect_within(fd.get(), address, until)) return UBUS_STATUS_CONNECTION_FAILED;
     if (fcntl(fd.get(), F_SETFL, O_NONBLOCK) < 0) return UBUS_STATUS_CONNECTION_FAILED;

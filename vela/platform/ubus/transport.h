@@ -5,35 +5,18 @@
 #include <cstdint>
 #include <span>
 #include <vela/core/internal/own.h>
+#include <vela/core/internal/wait.h>
 #include <vela/platform/ubus/wire.h>
 
 namespace vela::bus
 {
 
-/// A moment on the monotonic clock, or never.
-class deadline
-{
-public:
-    static deadline after(int ms) { return deadline{now_ns() + int64_t{ms} * 1'000'000}; }
-    static deadline never() { return deadline{INT64_MAX}; }
-    static deadline earlier(deadline a, deadline b) { return a.ns_ < b.ns_ ? a : b; }
-
-    [[nodiscard]] bool passed() const { return now_ns() >= ns_; }
-    [[nodiscard]] int64_t left_ns() const; ///< 0 once passed
-
-private:
-    explicit deadline(int64_t ns) : ns_{ns} {}
-    static int64_t now_ns();
-
-    int64_t ns_;
-};
-
 constexpr int greeting_ms = 3000; // for a daemon to accept and to say hello
 constexpr int answer_ms = 3000;   // for a daemon to answer about its objects
 constexpr int stall_ms = 3000;    // for the next piece of a frame that has begun, in either direction
 
-/// Waits for poll events on a descriptor; false when the time has come first.
-bool wait_for(int fd, short events, deadline until);
+/// Waits for poll events on a descriptor, through any signals; false when the time has come first.
+bool wait_until(int fd, short events, const deadline &until);
 
 enum class progress : uint8_t { done, nothing_yet, broken };
 
@@ -59,7 +42,7 @@ private:
 
 /// Sends header and payload as one. Nothing yet: the time came before the first byte could leave; broken: the
 /// connection failed, or stopped in the middle of the frame and is of no more use.
-progress send(int fd, frame_header header, std::span<const uint8_t> payload, deadline until);
+progress send(int fd, frame_header header, std::span<const uint8_t> payload, const deadline &until);
 
 /// Connects and takes the daemon's greeting. Returns a bus status; the outputs are written on success.
 int open_connection(const char *path, unique_fd &connection, uint32_t &local_id);
