@@ -12,6 +12,7 @@
 #include <libubus.h>
 #include <vela/core/internal/log.h>
 #include <vela/core/internal/memory.h>
+#include <vela/core/internal/pipe_signal.h>
 #include <vela/ipc/ubus.h>
 
 namespace
@@ -94,38 +95,6 @@ private:
     std::array<struct sigaction, signals.size()> saved_{};
 };
 
-/// libubus writes without MSG_NOSIGNAL: a daemon that died must not end the program.
-class pipe_signal_blocker
-{
-public:
-    pipe_signal_blocker()
-    {
-        sigemptyset(&pipe_);
-        sigaddset(&pipe_, SIGPIPE);
-        was_pending_ = pending();
-        (void)pthread_sigmask(SIG_BLOCK, &pipe_, &saved_);
-    }
-    pipe_signal_blocker(const pipe_signal_blocker &) = delete;
-    pipe_signal_blocker &operator=(const pipe_signal_blocker &) = delete;
-    ~pipe_signal_blocker()
-    {
-        constexpr timespec at_once{};
-        if (!was_pending_ && pending()) (void)sigtimedwait(&pipe_, nullptr, &at_once);
-        (void)pthread_sigmask(SIG_SETMASK, &saved_, nullptr);
-    }
-
-private:
-    static bool pending()
-    {
-        sigset_t set;
-        return sigpending(&set) == 0 && sigismember(&set, SIGPIPE) == 1;
-    }
-
-    sigset_t pipe_{};
-    sigset_t saved_{};
-    bool was_pending_;
-};
-
 void release_event(event *&e)
 {
     if (e) event_free(e); // which libevent does not accept without one
@@ -135,7 +104,7 @@ void release_event(event *&e)
 /// Handles what has arrived on the bus.
 void handle_messages(interface &iface)
 {
-    const pipe_signal_blocker quiet;
+    const vela::pipe_signal_blocked quiet;
     iface.ctx->sock.cb(&iface.ctx->sock, ULOOP_READ);
 }
 
@@ -189,7 +158,7 @@ int find(interface &iface, const char *name)
     uint32_t id = 0; // stays 0 where the daemon shows nothing of the object to this process
     int status;
     {
-        const pipe_signal_blocker quiet;
+        const vela::pipe_signal_blocked quiet;
         status = ubus_lookup_id(iface.ctx, name, &id);
     }
     // Calls to us that came meanwhile wait inside libubus for a loop that it does not have.
@@ -218,7 +187,7 @@ void introduce(interface &iface)
 /// Replaces the connection of a context, which is otherwise kept: no lookup, no callback.
 bool reopen_bus(interface &iface)
 {
-    const pipe_signal_blocker quiet;
+    const vela::pipe_signal_blocked quiet;
     if (ubus_reconnect(iface.ctx, iface.path) != UBUS_STATUS_OK) {
         iface.ctx->sock.fd = -1; // libubus may leave a closed number, and close it again
         return false;

@@ -2,11 +2,10 @@
 // meanwhile: libcurl is told to leave signals alone, so nobody else would ignore the one that a closed peer raises.
 
 #include <algorithm>
-#include <csignal>
-#include <ctime>
 #include <curl/curl.h>
 #include <vela/core/internal/json.h>
 #include <vela/core/internal/log.h>
+#include <vela/core/internal/pipe_signal.h>
 #include <vela/net/curl_simple.h>
 #include <vela/settings.h>
 
@@ -33,38 +32,6 @@ struct request {
     curl_slist *headers = nullptr;
     const char *data = nullptr;
     long size = 0;
-};
-
-/// Keeps SIGPIPE from this thread while it lives. One that was pending before stays so, one of ours is taken back.
-class pipe_signal_blocked
-{
-public:
-    pipe_signal_blocked()
-    {
-        sigemptyset(&pipe_);
-        sigaddset(&pipe_, SIGPIPE);
-        was_pending_ = pending();
-        pthread_sigmask(SIG_BLOCK, &pipe_, &before_);
-    }
-    pipe_signal_blocked(const pipe_signal_blocked &) = delete;
-    pipe_signal_blocked &operator=(const pipe_signal_blocked &) = delete;
-    ~pipe_signal_blocked()
-    {
-        constexpr timespec at_once = {};
-        if (!was_pending_ && pending()) sigtimedwait(&pipe_, nullptr, &at_once);
-        pthread_sigmask(SIG_SETMASK, &before_, nullptr);
-    }
-
-private:
-    static bool pending()
-    {
-        sigset_t signals;
-        return sigpending(&signals) == 0 && sigismember(&signals, SIGPIPE) == 1;
-    }
-
-    sigset_t pipe_;
-    sigset_t before_;
-    bool was_pending_;
 };
 
 size_t keep_body(const void *bytes, size_t size, size_t count, void *arg)
@@ -123,7 +90,7 @@ CURLcode perform_over_doh(CURL *handle, char *error_text, bool fall_back)
 
 int curl_simple(const request &r, curl_simple_response *response)
 {
-    const pipe_signal_blocked no_signal; // outlives the handle, which may write when it is cleaned up
+    const vela::pipe_signal_blocked no_signal; // outlives the handle, which may write when it is cleaned up
     char error_text[CURL_ERROR_SIZE] = "";
     const handle_ptr handle{curl_easy_init()};
     if (!handle) {
