@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <event2/event.h>
 #include <span>
-#include <string_view>
 #include <vela/core/file.h>
 #include <vela/core/internal/log.h>
 #include <vela/core/internal/memory.h>
@@ -111,10 +110,7 @@ void neighbour_scan(const char *ifname, const char *ssid, uint32_t mhz, const ne
     full_scan(ifname, ssid, no_flags);
 }
 
-bool is_filter(const char *essid, int len)
-{
-    return essid && len > 0 && std::string_view{essid, strnlen(essid, static_cast<size_t>(len))} != no_filter;
-}
+bool is_filter(const char *essid, int len) { return essid && len > 0 && strcmp(essid, no_filter) != 0; }
 
 } // namespace
 

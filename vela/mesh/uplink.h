@@ -127,7 +127,8 @@ VELA_API int collect_uplink_wds_iface_scan_records(uplink_table *t);
 
 /**
  * Logs the records.
- * @param essid  only networks whose name starts with this, over `len`; null, a length of 0 or "vwire-unknown": all
+ * @param essid  only networks whose name starts with this text, over `len`; null, a length of 0 or the text
+ *               "vwire-unknown" (whatever the length): all
  */
 VELA_API void print_uplink_wds_iface_scan_records(uplink_table *t, const char *essid, int len);
 
