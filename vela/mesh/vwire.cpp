@@ -36,7 +36,6 @@ struct wanted_serial {
     }
     [[nodiscard]] bool given() const { return length != 0; }
     [[nodiscard]] bool matches(const char *printed) const { return given() && strncasecmp(text, printed, length) == 0; }
-    [[nodiscard]] int print_width() const { return static_cast<int>(strnlen(text, length)); }
 };
 
 struct best {
@@ -103,9 +102,9 @@ const char *ifname(uplink_table &table, int index)
 void tell_preferred(uplink_table &table, const char *which, const wanted_serial &serial, const best &b)
 {
     const scan_entry &e = *b.entry;
-    log_info_as(select_step, "Found %s on IFACE %s: serial %.*s ESSID %s BSSID %s RSSI %d @ %d", which,
-                ifname(table, b.index), serial.print_width(), serial.text, e.essid, vela::mac_text{e.bssid}.c_str(),
-                e.rssi, static_cast<int>(e.freq));
+    log_info_as(select_step, "Found %s on IFACE %s: serial %s ESSID %s BSSID %s RSSI %d @ %d", which,
+                ifname(table, b.index), serial.text, e.essid, vela::mac_text{e.bssid}.c_str(), e.rssi,
+                static_cast<int>(e.freq));
 }
 
 void tell_strongest(uplink_table &table, const best &b)

@@ -23,8 +23,8 @@ extern "C" {
  * @param ifaces       uplink table with collected scan records
  * @param essid        only this network, compared over `essid_len`; null or a length of 0: any
  * @param band         "ng", "na" or "6e", as get_band() names it
- * @param serial1      serial number of the preferred parent, "02:56:4c:0a:0b:0c", compared over its length in either
- *                     case; null, a length of 0 or less, or all zeros: none
+ * @param serial1      serial number of the preferred parent, "02:56:4c:0a:0b:0c" (logged whole), compared over
+ *                     `serial1_len` in either case; null, a length of 0 or less, or all zeros: none
  * @param serial2      the second choice, likewise
  * @param index        receives the index of the uplink interface that saw the chosen one, -1 when there is none; may be
  *                     null
