@@ -62,14 +62,17 @@ int64_t now_ms()
     return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
 
-/// The running client: its output, and the process group to end when it does not end by itself.
+/// The running client: its output, and its process group, which is ended with it when it does not end by itself.
 class client
 {
 public:
     client() = default;
     client(const client &) = delete;
     client &operator=(const client &) = delete;
-    ~client() { end(0); }
+    ~client()
+    {
+        if (pid_ > 0) kill_group();
+    }
 
     bool start()
     {
@@ -91,22 +94,25 @@ public:
     [[nodiscard]] int output() const { return output_.get(); }
 
     /// Waits for the client so long, then ends it.
-    void end(int64_t patience_ms)
+    void finish(int64_t patience_ms)
     {
-        if (pid_ <= 0) return;
         const int64_t deadline = now_ms() + patience_ms;
         while (waitpid(pid_, nullptr, WNOHANG) == 0) {
-            if (now_ms() >= deadline) {
-                (void)kill(-pid_, SIGKILL);
-                while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {}
-                break;
-            }
+            if (now_ms() >= deadline) return kill_group();
             (void)poll(nullptr, 0, 5);
         }
         pid_ = -1;
     }
 
 private:
+    // Before the client is reaped: until then nobody else can get its number. What it left running goes too.
+    void kill_group()
+    {
+        (void)kill(-pid_, SIGKILL);
+        while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {}
+        pid_ = -1;
+    }
+
     vela::unique_fd output_;
     pid_t pid_ = -1;
 };
@@ -151,7 +157,7 @@ vela::c_string client_output()
     if (result == 1) log_info_as(step, "Poll timeout");
     if (result < 0) log_failure(result);
     if (result != 0) return nullptr;
-    running.end(silence_ms);
+    running.finish(silence_ms);
     const int64_t seconds = (now_ms() - start_ms) / 1000;
     if (seconds >= slow_s) log_error_as(step, "Warning: lldpcli took %ld seconds!", static_cast<long>(seconds));
     return text;
