@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
@@ -169,7 +170,7 @@ bool is_wired(const char *port) { return vela::starts_with(port, "eth") || vela:
 int port_number(const char *port)
 {
     const size_t prefix = vela::starts_with(port, "bond") ? 4 : 3;
-    return static_cast<int>(std::min<long>(strtol(port + prefix, nullptr, 10), INT16_MAX) + 1);
+    return static_cast<int>(std::clamp<long>(strtol(port + prefix, nullptr, 10), INT_MIN, INT_MAX - 1) + 1);
 }
 
 bool is_named(const char *port, const phy_port &p) { return p.name && *p.name && vela::starts_with(port, p.name); }
