@@ -29,6 +29,12 @@ constexpr const char *log_module = "buffer";
 constexpr uint64_t growth_step = 4096;
 constexpr size_t short_text = 256; // formatted text up to here needs no allocation of its own
 
+/// The object that callers see, and behind it what they do not.
+struct buffer_block {
+    buffer object;
+    buffer_state state;
+};
+
 /// A data area may have 0 bytes, an allocation may not: its result would look like a failure.
 constexpr size_t allocation_size(uint32_t capacity) { return std::max<size_t>(capacity, 1); }
 
@@ -68,10 +74,28 @@ void consume(buffer_state &s, uint32_t n)
     s.length -= n;
 }
 
-void release_state(buffer_state *state)
+using word16 [[gnu::vector_size(16)]] = uint8_t;
+using word32 [[gnu::vector_size(32)]] = uint8_t;
+
+/// Copies n bytes as two words, the first and the last, which meet or overlap. Both are loaded before one is stored, so
+/// the places may overlap too.
+template <class word> void copy_ends(uint8_t *to, const uint8_t *from, size_t n)
 {
-    if (state) free(state->data);
-    free(state);
+    word first, last;
+    memcpy(&first, from, sizeof(word));
+    memcpy(&last, from + n - sizeof(word), sizeof(word));
+    memcpy(to, &first, sizeof(word));
+    memcpy(to + n - sizeof(word), &last, sizeof(word));
+}
+
+/// memmove(); the short pieces that messages are made of need no call.
+void copy_piece(uint8_t *to, const uint8_t *from, size_t n)
+{
+    if (n < 4 || n > 64) return static_cast<void>(memmove(to, from, n));
+    if (n > 32) return copy_ends<word32>(to, from, n);
+    if (n > 16) return copy_ends<word16>(to, from, n);
+    if (n > 8) return copy_ends<uint64_t>(to, from, n);
+    copy_ends<uint32_t>(to, from, n);
 }
 
 void destroy_buffer(buffer *b) { buffer_destroy(b); }
@@ -83,13 +107,10 @@ namespace operation
 int init(buffer *b, uint32_t capacity)
 {
     if (capacity > BUFFER_CAPACITY_MAX) return -1;
-    auto state = vela::make_zeroed<buffer_state>();
-    if (!state) return -1;
-    state->data = static_cast<uint8_t *>(calloc(allocation_size(capacity), 1));
-    if (!state->data) return -1;
-    state->allocated = state->initial_capacity = capacity;
-    release_state(b->state);
-    b->state = state.release();
+    auto *data = static_cast<uint8_t *>(calloc(allocation_size(capacity), 1));
+    if (!data) return -1;
+    free(b->state->data);
+    *b->state = {.data = data, .allocated = capacity, .initial_capacity = capacity};
     return 0;
 }
 
@@ -114,7 +135,7 @@ uint32_t append(buffer *b, const void *bytes, uint32_t count)
     buffer_state &s = *b->state;
     if (s.length == 0 || !has_room(s, count)) [[unlikely]]
         return append_with_growth(s, bytes, count);
-    memmove(take(s, count), bytes, count);
+    copy_piece(take(s, count), static_cast<const uint8_t *>(bytes), count);
     return count;
 }
 
@@ -193,8 +214,8 @@ void rewind(buffer *b)
 
 void destroy(buffer *b)
 {
-    release_state(b->state);
-    free(b);
+    free(b->state->data);
+    free(b); // with its state
 }
 
 ssize_t send(buffer *b, int fd, int flags)
@@ -236,11 +257,12 @@ constexpr buffer without_state = {
 
 buffer *buffer_create2(uint32_t capacity)
 {
-    buffer_ptr b{static_cast<buffer *>(malloc(sizeof(buffer)))};
-    if (!b) return nullptr;
-    *b = without_state;
-    if (b->init(b.get(), capacity) != 0) return nullptr;
-    return b.release();
+    auto *block = static_cast<buffer_block *>(malloc(sizeof(buffer_block)));
+    if (!block) return nullptr;
+    *block = {.object = without_state, .state = {}};
+    block->object.state = &block->state;
+    buffer_ptr b{&block->object};
+    return b->init(b.get(), capacity) == 0 ? b.release() : nullptr;
 }
 
 buffer *buffer_create(void) { return buffer_create2(BUFFER_DEFAULT_CAPACITY); }
