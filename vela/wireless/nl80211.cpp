@@ -85,6 +85,11 @@ entry *&prev_of(vl_nl80211_service &service, entry *e)
 
 void make_empty(vl_nl80211_service &service) { service.callbacks = {head_of(service), head_of(service)}; }
 
+// Null at the end of the list, and in a record whose list was never made.
+entry *or_end(vl_nl80211_service &service, entry *e) { return e == head_of(service) ? nullptr : e; }
+entry *newest(vl_nl80211_service &service) { return or_end(service, service.callbacks.prev); }
+entry *older_than(vl_nl80211_service &service, const entry *e) { return or_end(service, e->prev); }
+
 /// One pass over a service's callbacks, newest first. Handlers may change the list or end the service meanwhile, so
 /// who does either looks after the passes under way.
 struct pass {
@@ -101,13 +106,13 @@ struct pass {
 /// The innermost pass under way; each knows the one around it.
 constinit pass *passes = nullptr;
 
-pass::pass(vl_nl80211_service *over) : service{over}, next{over->callbacks.prev}, outer{passes} { passes = this; }
+pass::pass(vl_nl80211_service *over) : service{over}, next{newest(*over)}, outer{passes} { passes = this; }
 pass::~pass() { passes = outer; }
 
 void remove(vl_nl80211_service &service, entry *e)
 {
     for (pass *p = passes; p; p = p->outer) {
-        if (p->next == e) p->next = e->prev;
+        if (p->next == e) p->next = older_than(service, e);
     }
     next_of(service, e->prev) = e->next;
     prev_of(service, e->next) = e->prev;
@@ -123,9 +128,9 @@ int on_event(nl_msg *message, void *arg)
     auto table = attributes::of(message);
 
     pass walk{&service};
-    while (walk.service && walk.next != head_of(service)) {
+    while (walk.service && walk.next) {
         entry *const e = walk.next;
-        walk.next = e->prev;
+        walk.next = older_than(service, e);
         if (e->cmd == command && e->handler) e->handler(&service, table.slots(), command);
     }
     return walk.service ? NL_SKIP : NL_STOP;
@@ -221,6 +226,7 @@ int open_event_socket(vl_nl80211_service &service)
         return receive_buffer;
     }
     insist_on_receive_buffer(service.event_sock);
+    (void)nl_socket_set_nonblocking(service.event_sock); // libnl would wait for the rest of what calls itself a part
     for (const char *group : event_groups) {
         const int joined = join(service, group);
         if (joined < 0) return joined;
@@ -267,7 +273,7 @@ void close(vl_nl80211_service &service)
     if (service.event_sock) nl_socket_free(service.event_sock);
     if (service.cmd_sock) nl_socket_free(service.cmd_sock);
     if (service.cb) nl_cb_put(service.cb);
-    while (service.callbacks.prev != head_of(service)) remove(service, service.callbacks.prev);
+    while (entry *e = newest(service)) remove(service, e);
     service = {};
 }
 
@@ -366,10 +372,10 @@ void vl_nl80211_deregister_command_callback(vl_nl80211_service *service, uint32_
         log_error("already deinitialized");
         return;
     }
-    for (entry *e = service->callbacks.prev; e != head_of(*service);) {
-        entry *const next = e->prev;
+    entry *next = nullptr;
+    for (entry *e = newest(*service); e; e = next) {
+        next = older_than(*service, e);
         if (e->cmd == static_cast<uint8_t>(cmd) && e->handler == handler) remove(*service, e);
-        e = next;
     }
 }
 
