@@ -116,8 +116,11 @@ void vl_cfg80211_deinit(vl_cfg80211_context *context) { wifi_destroy_nl80211(con
 
 int vl_cfg80211_get_wifi_param_int_ctx(vl_cfg80211_context *context, const char *ifname, int param, int32_t *out)
 {
-    return wifi_cfg80211_send_getparam_command(context, sub_params, static_cast<uint32_t>(param), ifname, out,
-                                               sizeof *out);
+    int32_t value = 0;
+    const int result = wifi_cfg80211_send_getparam_command(context, sub_params, static_cast<uint32_t>(param), ifname,
+                                                           &value, sizeof value);
+    if (result >= 0) *out = value; // part of an answer is none
+    return result;
 }
 
 int vl_cfg80211_get_wifi_param_int(const char *ifname, int param, int32_t *out)
