@@ -140,6 +140,7 @@ void reset_seen_mlds(void)
 
 int add_if_mld_unique(const char *name)
 {
+    if (!name) return 0;
     for (size_t i = 0; i < seen.count; ++i) {
         if (strcmp(seen.names[i], name) == 0) return 0;
     }
