@@ -333,17 +333,26 @@ template <class Permute> struct cipher {
         return move(finish(encryption.last, invert(v)), encryption.row[0]) ^ key_of(rounds);
     }
 
-    template <class KeyOf> static vector decrypt(vector block, int rounds, KeyOf key_of)
+    static vector decryption_round(vector v, vector key)
     {
-        vector v = apply(decryption.to_split, block) ^ key_of(0);
+        const denominators d = invert(v);
+        return key ^ move(finish(decryption.times_14, d), decryption.row[0]) ^
+               move(finish(decryption.times_11, d), decryption.row[1]) ^
+               move(finish(decryption.times_13, d), decryption.row[2]) ^
+               move(finish(decryption.times_9, d), decryption.row[3]);
+    }
+
+    /// Decrypts N blocks abreast: while the steps of one wait for each other, the processor does another's.
+    template <size_t N, class KeyOf> static void decrypt(vector (&v)[N], int rounds, KeyOf key_of)
+    {
+        for (vector &block : v) block = apply(decryption.to_split, block) ^ key_of(0);
         for (int round = 1; round < rounds; ++round) {
-            const denominators d = invert(v);
-            v = key_of(round) ^ move(finish(decryption.times_14, d), decryption.row[0]) ^
-                move(finish(decryption.times_11, d), decryption.row[1]) ^
-                move(finish(decryption.times_13, d), decryption.row[2]) ^
-                move(finish(decryption.times_9, d), decryption.row[3]);
+            const vector key = key_of(round);
+            for (vector &block : v) block = decryption_round(block, key);
         }
-        return move(finish(decryption.last, invert(v)), decryption.row[0]) ^ key_of(rounds);
+        for (vector &block : v) {
+            block = move(finish(decryption.last, invert(block)), decryption.row[0]) ^ key_of(rounds);
+        }
     }
 
     static void encrypt_block(const uint32_t *keys, int rounds, const uint8_t *in, uint8_t *out)
@@ -355,7 +364,9 @@ template <class Permute> struct cipher {
     static void decrypt_block(const uint32_t *keys, int rounds, const uint8_t *in, uint8_t *out)
     {
         const auto key_of = [=](int round) { return decryption_key(load_words(keys + 4 * round), round, rounds); };
-        store(out, decrypt(load(in), rounds, key_of));
+        vector block[] = {load(in)};
+        decrypt(block, rounds, key_of);
+        store(out, block[0]);
     }
 
     struct schedule {
@@ -404,6 +415,19 @@ template <class Permute> struct cipher {
         }
     }
 
+    static constexpr size_t abreast = 4;
+
+    /// Decrypts the next N blocks of a chain and returns what the one after them is chained to.
+    template <size_t N> static vector cbc_decrypt_next(schedule &s, vector previous, uint8_t *data)
+    {
+        vela::settle(s); // there are not registers enough: no key is to wait on the stack
+        vector encrypted[N], v[N];
+        for (size_t n = 0; n < N; ++n) v[n] = encrypted[n] = load(data + n * block_size);
+        decrypt(v, rounds_128, [&](int round) { return s.key[round]; });
+        for (size_t n = 0; n < N; ++n) store(data + n * block_size, v[n] ^ (n == 0 ? previous : encrypted[n - 1]));
+        return encrypted[N - 1];
+    }
+
     static void cbc_decrypt(const uint8_t *key, const uint8_t *iv, uint8_t *data, size_t blocks)
     {
         vela::secret<schedule> forward;
@@ -417,11 +441,10 @@ template <class Permute> struct cipher {
         }
 
         vector previous = load(iv);
-        for (; blocks != 0; --blocks, data += block_size) {
-            const vector block = load(data);
-            store(data, previous ^ decrypt(block, rounds_128, [&](int round) { return k[round]; }));
-            previous = block;
+        for (; blocks >= abreast; blocks -= abreast, data += abreast * block_size) {
+            previous = cbc_decrypt_next<abreast>(s.value, previous, data);
         }
+        for (; blocks != 0; --blocks, data += block_size) previous = cbc_decrypt_next<1>(s.value, previous, data);
     }
 
     static constexpr engine self = {substitute_word, encrypt_block, decrypt_block, cbc_encrypt, cbc_decrypt};
