@@ -268,11 +268,12 @@ int give_up(const char *step)
 void dispatch(const vela_packet &packet)
 {
     const uint32_t inits = member_state.inits;
+    const vela_handler_entry *const table = member_state.table;
     const uint16_t sequence = packet.sequence;
-    // A handler may end the protocol, and the table with it.
-    for (size_t i = 0; member_state.inits == inits && member_state.table && member_state.table[i].handler; ++i) {
-        const vela_handler_entry &entry = member_state.table[i];
-        if (entry.method == packet.method) entry.handler(&packet, packet.payload, entry.method);
+    // A handler may end the protocol or bring another table: this one need not exist any more.
+    for (const auto *entry = table; entry && member_state.inits == inits && member_state.table == table; ++entry) {
+        if (!entry->handler) break;
+        if (entry->method == packet.method) entry->handler(&packet, packet.payload, entry->method);
     }
     if (member_state.inits == inits) ctrl.rx_seq = sequence;
 }
@@ -337,8 +338,10 @@ vela::unique_fd client_socket()
     return fd;
 }
 
+/// The event goes first: the descriptor's number is soon someone else's, whose bytes it would take.
 void close_socket()
 {
+    free_event(member_state.receive);
     const vela::unique_fd closing{ctrl.fd};
     ctrl.fd = -1;
 }
@@ -368,12 +371,9 @@ void vela_protocol_deinit(void)
 {
     ++member_state.inits;
     member_state.table = nullptr;
-    free_event(member_state.receive); // before their descriptor is gone
     free_event(member_state.address);
-    if (ctrl.fd >= 0) {
-        leave_group();
-        close_socket();
-    }
+    if (ctrl.fd >= 0) leave_group();
+    close_socket();
     member_state.membership = {};
     clear_record();
 }
@@ -406,7 +406,7 @@ int vela_protocol_client_init(void)
 
 void vela_protocol_client_send(const void *data, uint32_t len, uint16_t method)
 {
-    if (ctrl.fd >= 0) close_socket();
+    close_socket(); // a member's, too
     vela::unique_fd fd = client_socket();
     if (!fd.ok()) {
         log_error("sock init failed");

@@ -89,10 +89,13 @@ VELA_API void vela_protocol_set_mcast_ready_cb(void (*cb)(void));
 /** Loads key and group from /tmp/system.cfg, for client sends. 0; -1 after logging why. */
 VELA_API int vela_protocol_client_init(void);
 
-/** Sends one packet of type 3 from a socket of its own on "br0"; failures are logged. */
+/**
+ * Sends one packet of type 3 from a socket of its own on "br0"; failures are logged. A member's socket is closed for
+ * it: a member that has sent this way hears nothing until it is initialised again.
+ */
 VELA_API void vela_protocol_client_send(const void *data, uint32_t len, uint16_t method);
 
-/** Announces that mesh operation halts (method 6), after an init of either kind. */
+/** Announces that mesh operation halts: a client send of method 6, after an init of either kind. */
 VELA_API void vela_protocol_client_event_mesh_halt_send(void);
 
 /** The kind of device that the mesh-halt packet announces. */
