@@ -1,3 +1,5 @@
+#include <curl/curl.h>
+#include <strings.h>
 #include <vela/core/internal/log.h>
 #include <vela/telemetry/internal/answer.h>
 
@@ -8,6 +10,23 @@ namespace
 
 constexpr const char *log_module = "crash";
 constexpr const char *upload_url_key = "upload_url";
+
+using curl_text = std::unique_ptr<char, releaser<curl_free>>;
+using curl_address = std::unique_ptr<CURLU, releaser<curl_url_cleanup>>;
+
+/// Whether the client would take the address for another protocol than HTTP. A service must not choose that: of a local
+/// file, for one, the client would make an answer, and the answer ends up in the log.
+bool is_foreign(const char *url)
+{
+    const curl_address address{curl_url()};
+    if (!address) return true;
+    char *scheme = nullptr;
+    constexpr unsigned as_the_client_does = CURLU_GUESS_SCHEME | CURLU_NON_SUPPORT_SCHEME;
+    if (curl_url_set(address.get(), CURLUPART_URL, url, as_the_client_does)) return false; // it will refuse
+    if (curl_url_get(address.get(), CURLUPART_SCHEME, &scheme, 0)) return true;
+    const curl_text owned{scheme};
+    return strcasecmp(scheme, "http") != 0 && strcasecmp(scheme, "https") != 0;
+}
 
 } // namespace
 
@@ -25,7 +44,7 @@ json_ref parse_answer(std::string_view body)
 c_string upload_url(const json_t *answer)
 {
     const char *url = json_string_value(json_object_get(answer, upload_url_key));
-    return c_string{url ? strdup(url) : nullptr};
+    return c_string{url && !is_foreign(url) ? strdup(url) : nullptr};
 }
 
 } // namespace vela::telemetry
