@@ -7,8 +7,7 @@
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
-    setenv("LIBVELA_VERBOSITY", "error", 1); // refusals are warnings
-    return 0;
+    return setenv("LIBVELA_VERBOSITY", "error", 1); // refusals are warnings
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)

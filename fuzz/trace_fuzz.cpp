@@ -2,11 +2,15 @@
 
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <vela/telemetry/trace.h>
 
 namespace
 {
+
+void expect(bool truth)
+{
+    if (!truth) abort();
+}
 
 bool all_strings(json_t *value)
 {
@@ -16,40 +20,26 @@ bool all_strings(json_t *value)
     return json_is_object(value);
 }
 
-void expect(bool truth)
-{
-    if (!truth) abort();
-}
-
 void check(int (*set)(json_t *, json_t *), const char *key, json_t *value, bool allowed)
 {
     json_t *trace = trace_object();
-    const size_t references = value->refcount;
     expect(set(trace, json_incref(value)) == (allowed ? 0 : -1));
-    expect(json_object_size(trace) == (allowed ? 1 : 0));
-    expect(!allowed || json_object_get(trace, key) != nullptr);
-    trace_decref(trace);
-    expect(value->refcount == references);
-}
-
-void check_payload(json_t *value)
-{
-    json_t *trace = trace_object();
-    if (trace_object_set_payload_new(trace, json_incref(value)) == 0) {
-        const char *text = json_string_value(json_object_get(json_object_get(trace, "payload"), "data"));
+    json_t *member = json_object_get(trace, key);
+    expect(json_object_size(trace) == (allowed ? 1 : 0) && (member != nullptr) == allowed);
+    if (const char *text = json_string_value(json_object_get(member, "data"))) { // a payload's
         json_t *again = json_loads(text, 0, nullptr);
-        expect(json_equal(again, value));
+        expect(set != trace_object_set_payload_new || json_equal(again, value));
         json_decref(again);
     }
     trace_decref(trace);
+    expect(json_is_true(value) || json_is_false(value) || json_is_null(value) || value->refcount == 1);
 }
 
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
-    setenv("LIBVELA_VERBOSITY", "error", 1); // refusals are told at the trace level
-    return 0;
+    return setenv("LIBVELA_VERBOSITY", "error", 1); // refusals are told at the trace level
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
@@ -62,7 +52,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     check(trace_object_set_source_new, "source", value, all_strings(value));
     check(trace_object_set_meta_new, "meta", value, all_strings(value));
     check(trace_object_set_payload_new, "payload", value, json_is_object(value));
-    check_payload(value);
     json_decref(value);
     return 0;
 }
