@@ -106,8 +106,13 @@ public:
         enum { send, crumbs, expect, hang, die } what;
         std::string bytes; ///< crumbs: sent one at a time; expect: awaited, a difference is a complaint
     };
+    using action = decltype(step::what);
 
     bus_script(std::string path, std::vector<step> steps);
 };
+
+/// What a peer says and what it awaits, by turns, and what it does then.
+std::vector<bus_script::step> talk(std::vector<std::string> turns, bus_script::action then = bus_script::step::hang,
+                                   bus_script::action say = bus_script::step::send);
 
 } // namespace site
