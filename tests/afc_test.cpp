@@ -21,7 +21,7 @@ TEST(Afc, SettingRunsTheScriptAndForgetsTheRequest)
 echo "$# $1 $2 $kept" >/tmp/call)");
     const table<unsigned, const char *> cases = {{7, "2 set-afc-state active \n"},
                                                  {4, "2 set-afc-state location_unknown kept\n"},
-                                                 {12, "2 set-afc-state unknown \n"}};
+                                                 {10, "2 set-afc-state unknown \n"}};
     for (const auto &[state, call] : cases) {
         set_location_request_id("17");
         set_afc_state(state);

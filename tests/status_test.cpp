@@ -67,8 +67,9 @@ TEST(Status, StageOfTheInstallation)
         {"", "branch", "", 0, 2},
         {"", "atag", "", 0, 0},
         {"stage", "branch", "", 1, 1},
-        {"dev", "atag", "mgmt.brix.env.force=1\n", 2, 2},
-        {"development", "branch", "mgmt.brix.env.force=enabled\n", 0, 0},
+        {"dev", "atag", "", 2, 2},
+        {"development", "branch", "mgmt.brix.env.force=1\n", 0, 0},
+        {"", "branch", "mgmt.brix.env.force=enabled\n", 0, 0},
         {"", "branch", "mgmt.brix.env.force=true\n", 0, 2}};
     for (const auto &[stage, reftype, more, env, limited] : cases) {
         site::lay_out_device({.reftype = reftype, .stage = stage, .more_config = more});
