@@ -6,13 +6,14 @@
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <linux/netlink.h>
-#include <set>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <vela/net/bridge.h>
 #include <vela/net/gateway.h>
 
+using testing::Contains;
 using testing::ElementsAre;
+using testing::UnorderedElementsAre;
 
 namespace
 {
@@ -27,10 +28,11 @@ void lay_ports()
 {
     must_run("ip netns add gw; ip -n gw link set lo up;"
              "ip netns exec gw sh -c 'echo 1 >/proc/sys/net/ipv4/conf/all/arp_ignore';" // each port answers for itself
-             "for i in 0 1 2; do ip link add eth$i type veth peer name far$i netns gw; ip link set eth$i up; done");
+             "for i in 0 1 2; do ip link add eth$i type veth peer name far$i netns gw; ip link set eth$i up;"
+             "ip -n gw link set far$i up; done");
 }
 
-/// The ports as a bridge br0 with the device's address, the gateway behind one of them.
+/// The ports as a bridge br0 with the device's address, the gateway behind one of them, and known.
 void lay_bridge(int gateway_port)
 {
     const std::string far = "far" + std::to_string(gateway_port);
@@ -38,18 +40,8 @@ void lay_bridge(int gateway_port)
     must_run("ip link add br0 type bridge forward_delay 0; ip link set br0 up;"
              "for i in 0 1 2; do ip link set eth$i master br0; done;"
              "ip -n gw link set " +
-             far + " address " + gateway_mac +
-             " up;"
-             "ip -n gw address add 192.168.7.1/24 dev " +
-             far +
-             ";"
-             "for i in 0 1 2; do ip -n gw link set far$i up; done;"
-             "ip address add 192.168.7.2/24 dev br0; ip route add default via 192.168.7.1");
-}
-
-/// Makes the kernel resolve the gateway.
-void speak_to_gateway()
-{
+             far + " address " + gateway_mac + "; ip -n gw address add 192.168.7.1/24 dev " + far +
+             "; ip address add 192.168.7.2/24 dev br0; ip route add default via 192.168.7.1");
     char mac[18];
     for (int i = 0; i < 50 && get_mac_by_ip(gateway_ip, mac, sizeof mac) != 0; ++i) {
         site::run("bash -c 'echo hello >/dev/udp/192.168.7.1/9' 2>/dev/null; sleep 0.05");
@@ -62,7 +54,7 @@ struct detected {
     std::vector<std::string> log;
 };
 
-detected detect(std::vector<std::string> names)
+detected detect(std::vector<std::string> names = {"eth0", "eth1", "eth2"})
 {
     char candidates[8][16] = {};
     for (size_t i = 0; i < names.size(); ++i) names[i].copy(candidates[i], 15);
@@ -71,27 +63,21 @@ detected detect(std::vector<std::string> names)
     const int result = gateway_detect_uplink("br0", candidates, static_cast<int>(names.size()), out, sizeof out);
     detected d{result, out, {}};
     for (const auto &line : log.take()) {
-        EXPECT_EQ("gateway-utils", line.module);
-        EXPECT_EQ("gateway_detect_uplink", line.function);
+        EXPECT_EQ("gateway-utils.gateway_detect_uplink", line.module + "." + line.function);
         d.log.push_back(line.text.substr(strlen("gateway-utils: ")));
     }
     return d;
 }
-
-const std::vector<std::string> all_ports = {"eth0", "eth1", "eth2"};
-const std::string reached = "gateway 192.168.7.1 via br0";
 
 } // namespace
 
 TEST(Gateway, FoundBehindABridgePortAndAgainAfterItMoved)
 {
     lay_bridge(1);
-    speak_to_gateway();
-    detected d = detect(all_ports);
-    EXPECT_EQ(0, d.result);
+    detected d = detect();
     EXPECT_EQ("eth1", d.port);
-    EXPECT_THAT(d.log, ElementsAre(reached, "neighbor on bridge, checking FDB", "FDB learned on eth1"));
-
+    EXPECT_THAT(d.log,
+                ElementsAre("gateway 192.168.7.1 via br0", "neighbor on bridge, checking FDB", "FDB learned on eth1"));
     d = detect({"eth0", "eth2"});
     EXPECT_EQ(-1, d.result);
     EXPECT_EQ("old", d.port) << "untouched";
@@ -99,47 +85,44 @@ TEST(Gateway, FoundBehindABridgePortAndAgainAfterItMoved)
 
     // From here on the gateway is silent: what it said would be learned again.
     must_run("ip -n gw link set far1 down; bridge fdb replace 02:56:4c:00:07:01 dev eth2 master static");
-    EXPECT_EQ("eth2", detect(all_ports).port);
+    EXPECT_EQ("eth2", detect().port);
     must_run("ip link set eth2 down; bridge fdb replace 02:56:4c:00:07:01 dev eth2 master static");
-    EXPECT_EQ("FDB interface eth2 not usable", detect(all_ports).log.back());
+    EXPECT_EQ("FDB interface eth2 not usable", detect().log.back());
     must_run("bridge fdb del 02:56:4c:00:07:01 dev eth2 master");
-    EXPECT_EQ("FDB lookup failed", detect(all_ports).log.back());
+    EXPECT_EQ("FDB lookup failed", detect().log.back());
     must_run("ip neigh flush dev br0");
-    EXPECT_EQ("gateway MAC not resolved", detect(all_ports).log.back());
+    EXPECT_EQ("gateway MAC not resolved", detect().log.back());
     must_run("ip route del default");
-    EXPECT_THAT(detect(all_ports).log, ElementsAre("no default route"));
+    EXPECT_THAT(detect().log, ElementsAre("no default route"));
 }
 
 TEST(Gateway, NeighbourStatesThatCount)
 {
     lay_ports();
-    must_run("ip address add 192.168.7.2/24 dev eth0; for i in 0 1 2; do ip -n gw link set far$i up; done;"
-             "ip route add default via 192.168.7.1 dev eth0; ip link add wan0 type veth peer name wan1 netns gw;"
-             "ip -n gw link set wan1 up; ip link set wan0 up");
-    const auto entry = [](const char *port, const char *state) {
-        must_run(std::string("ip neigh replace 192.168.7.1 lladdr 02:56:4c:00:07:01 nud ") + state + " dev " + port);
+    must_run("ip address add 192.168.7.2/24 dev eth0; ip route add default via 192.168.7.1 dev eth0;"
+             "ip link add wan0 type veth peer name wan1 netns gw; ip -n gw link set wan1 up; ip link set wan0 up");
+    const auto entry = [](const std::string &port, const std::string &state) {
+        must_run("ip neigh replace 192.168.7.1 lladdr 02:56:4c:00:07:01 nud " + state + " dev " + port);
     };
-    constexpr struct {
-        const char *state;
-        bool counts;
-    } cases[] = {{"reachable", true}, {"stale", true},  {"delay", true},   {"probe", true},
-                 {"permanent", true}, {"noarp", false}, {"failed", false}, {"incomplete", false}};
-    for (const auto &c : cases) {
-        must_run("ip neigh flush nud all dev eth0 2>/dev/null || true; ip neigh del 192.168.7.1 dev eth0 2>/dev/null "
-                 "|| true");
-        entry("eth0", c.state);
-        const detected d = detect(all_ports);
-        EXPECT_EQ(c.counts ? "eth0" : "old", d.port) << c.state;
-        if (c.counts) EXPECT_EQ("neighbor on eth0", d.log.back()) << c.state;
+    for (const auto &[state, counts] : {std::pair{"reachable", true},
+                                        {"stale", true},
+                                        {"delay", true},
+                                        {"probe", true},
+                                        {"permanent", true},
+                                        {"noarp", false},
+                                        {"failed", false}}) {
+        entry("eth0", state);
+        EXPECT_EQ(counts ? "eth0" : "old", detect().port) << state;
+        must_run("ip neigh del 192.168.7.1 dev eth0");
     }
     entry("eth0", "permanent");
     entry("wan0", "stale");
     EXPECT_EQ("eth0", detect({"wan0", "eth0"}).port) << "an eth port replaces another";
     EXPECT_EQ("wan0", detect({"wan0"}).port);
     must_run("for i in 0 1; do seq -f \"route add 10.1.$i.%g/32 via 192.168.7.1\" 0 255; done | ip -batch -");
-    EXPECT_EQ("eth0", detect(all_ports).port) << "asked after a dump that was not read to its end";
+    EXPECT_EQ("eth0", detect().port) << "asked after a dump that was not read to its end";
     must_run("ip -n gw link set far0 down");
-    EXPECT_THAT(detect({"eth0"}).log, testing::Contains("neighbor candidate eth0 is down"));
+    EXPECT_THAT(detect({"eth0"}).log, Contains("neighbor candidate eth0 is down"));
 }
 
 TEST(Gateway, FirstRouteWinsAndOddOnesAreSkipped)
@@ -147,59 +130,43 @@ TEST(Gateway, FirstRouteWinsAndOddOnesAreSkipped)
     lay_ports();
     char ip[16] = "old";
     uint32_t address = 7;
-    EXPECT_EQ(-1, gateway_get_ip(ip, &address, sizeof ip));
-    EXPECT_STREQ("", ip);
-    EXPECT_EQ(0U, address);
-
     must_run("ip address add 192.168.7.2/24 dev eth0; ip address add 192.168.8.2/24 dev eth1;"
              "ip route add default dev eth2 metric 1; ip route add blackhole default metric 2;"
              "ip route add default metric 3 nexthop via 192.168.7.7 nexthop via 192.168.8.7");
     EXPECT_EQ(-1, gateway_get_ip(ip, &address, sizeof ip)) << "on-link, blackhole, multipath";
+    EXPECT_STREQ("", ip);
+    EXPECT_EQ(0U, address);
     must_run("ip route add default via 192.168.7.1 metric 90; ip route add default via 192.168.8.1 metric 50");
     EXPECT_EQ(0, gateway_get_ip(ip, &address, sizeof ip));
     EXPECT_EQ(inet_addr(ip), address);
     EXPECT_NE(std::string::npos, site::output_of("ip route show default | grep '^default via' | head -n 1").find(ip));
     EXPECT_EQ(0, gateway_get_ip(ip, &address, 4));
     EXPECT_STREQ("192", ip);
-    for (const auto &[text, out, len] : {std::tuple{static_cast<char *>(nullptr), &address, size_t{16}},
-                                         {ip, static_cast<uint32_t *>(nullptr), size_t{16}},
-                                         {ip, &address, size_t{0}}}) {
-        EXPECT_EQ(-1, gateway_get_ip(text, out, len));
-    }
 }
 
 TEST(Gateway, LargeTablesAndOtherRouteSockets)
 {
     lay_bridge(0);
     const int other = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, 0); // takes the process id as its port
-    sockaddr_nl any = {};
-    any.nl_family = AF_NETLINK;
-    ASSERT_EQ(0, bind(other, reinterpret_cast<sockaddr *>(&any), sizeof any));
-    std::string batch;
-    for (int i = 0; i < 600; ++i) {
-        batch += "neigh replace 192.168.7." + std::to_string(10 + i % 200) + " lladdr 02:56:4c:00:08:01 dev eth" +
-                 std::to_string(i / 200) + "\n";
-    }
-    site::put_file("/tmp/batch", batch);
-    must_run("ip -batch /tmp/batch");
-    speak_to_gateway();
+    const sockaddr_nl any = {.nl_family = AF_NETLINK};
+    ASSERT_EQ(0, bind(other, reinterpret_cast<const sockaddr *>(&any), sizeof any));
+    must_run("for i in 0 1 2; do seq -f \"neigh replace 192.168.7.%g lladdr 02:56:4c:00:08:01 dev eth$i\" 10 209; done"
+             " | ip -batch -");
     const leak_check leaks;
-    EXPECT_EQ("eth0", detect(all_ports).port);
+    EXPECT_EQ("eth0", detect().port);
     leaks.expect_unchanged();
     close(other);
 }
 
 TEST(Gateway, CandidatesFromTheBoardOrTheKernel)
 {
-    board_record board = {};
-    board.phy_group_count = 3;
+    board_record board = {.phy_group_count = 3};
     board.phy_groups[0] = {PHY_GROUP_SINGLE, 1, {{.name = "eth0", .flags = 0xF1}}};
     board.phy_groups[1] = {
         PHY_GROUP_MULTI,
         3,
         {{.name = "eth1", .flags = 0xF0}, {.name = nullptr, .flags = 1}, {.name = "sfp0", .flags = 1}}};
-    board.phy_groups[2] = {
-        PHY_GROUP_MULTI, 200, {{.name = "eth-with-a-name-too-long", .flags = 2}}}; // a count gone wrong
+    board.phy_groups[2] = {PHY_GROUP_MULTI, 200, {{.name = "eth-with-a-name-too-long", .flags = 2}}}; // a wrong count
     log_lines log;
     char out[8][16];
     ASSERT_EQ(2, gateway_enum_eth_wan(&board, out, 8));
@@ -207,13 +174,9 @@ TEST(Gateway, CandidatesFromTheBoardOrTheKernel)
     EXPECT_STREQ("eth-with-a-name", out[1]);
     EXPECT_EQ(3, gateway_enum_eth_all(&board, out, 8));
     EXPECT_EQ(1, gateway_enum_eth_all(&board, out, 1));
-    EXPECT_EQ("gateway-utils: HAL-WAN candidate[0]=eth0", log.texts().front());
-    EXPECT_EQ(0, gateway_enum_eth_all(&board, nullptr, 8));
-    EXPECT_EQ(0, gateway_enum_eth_wan(&board, out, 0));
-    EXPECT_TRUE(log.take().empty());
     EXPECT_EQ(0, gateway_enum_eth_wan(nullptr, out, 8));
-    EXPECT_THAT(log.take(), ElementsAre(log_line{"debug", "gateway-utils", "gateway_enum_eth_wan",
-                                                 "gateway-utils: HAL provided no WAN candidates"}));
+    EXPECT_THAT(log.texts(), testing::AllOf(Contains("gateway-utils: HAL-WAN candidate[1]=eth-with-a-name"),
+                                            Contains("gateway-utils: HAL provided no WAN candidates")));
 
     lay_ports();
     must_run("ip link add ethbr type bridge; ip link add wan0 type veth peer name wan1 netns gw;"
@@ -222,47 +185,36 @@ TEST(Gateway, CandidatesFromTheBoardOrTheKernel)
     site::put_file("/sys/class/net/eth0/phy80211", "");
     site::put_file("/sys/class/net/eth1/uevent", "INTERFACE=eth1\nDEVTYPE=wlan\n");
     const leak_check leaks;
-    for (int round = 0; round < 2; ++round) {
-        std::set<std::string> names;
-        for (int i = 0, n = gateway_enum_eth_all(nullptr, out, 8); i < n; ++i) names.insert(out[i]);
-        EXPECT_THAT(names, ElementsAre("eth2", "ethbr"));
-    }
+    ASSERT_EQ(2, gateway_enum_eth_all(nullptr, out, 8));
+    EXPECT_THAT((std::vector<std::string>{out[0], out[1]}), UnorderedElementsAre("eth2", "ethbr"));
     EXPECT_EQ(1, gateway_enum_eth_netlink(out, 1));
-    EXPECT_EQ("gateway-utils: HAL provided no candidates, falling back to netlink", log.texts().front());
     leaks.expect_unchanged();
 }
 
 TEST(Gateway, BridgeQueries)
 {
     lay_bridge(2);
-    speak_to_gateway();
     char text[18] = "old";
     uint8_t mac[6];
-    EXPECT_EQ(0, get_mac_by_ip(gateway_ip, text, sizeof text));
+    EXPECT_EQ(0, gateway_get_mac(gateway_ip, mac));
+    EXPECT_EQ(-1, gateway_mac_to_str(mac, text, 17));
+    EXPECT_EQ(0, gateway_mac_to_str(mac, text, 18));
     EXPECT_STREQ(gateway_mac, text);
     EXPECT_EQ(-1, get_mac_by_ip(gateway_ip, text, 17)) << "does not fit";
     EXPECT_STREQ("", text);
     EXPECT_EQ(-1, get_mac_by_ip("192.168.7.99", text, sizeof text));
-    EXPECT_EQ(0, gateway_get_mac(gateway_ip, mac));
-    EXPECT_EQ(0, gateway_mac_to_str(mac, text, 18));
-    EXPECT_STREQ(gateway_mac, text);
-    EXPECT_EQ(-1, gateway_mac_to_str(mac, text, 17));
-    EXPECT_EQ(-1, gateway_mac_to_str(nullptr, text, 18));
 
     char name[16] = "old";
     EXPECT_EQ(3, get_mac_brinfo("br0", gateway_mac));
-    EXPECT_EQ(0, get_ifname_from_br_portno("br0", 3, name, sizeof name));
-    EXPECT_STREQ("eth2", name);
     const std::string own = site::read_file("/sys/class/net/eth0/address").substr(0, 17);
     EXPECT_EQ(-1, get_mac_brinfo("br0", own.c_str())) << "the bridge's own";
     for (const char *bridge : {"eth0", "missing", "../net/br0", ""}) {
         EXPECT_EQ(-1, get_mac_brinfo(bridge, gateway_mac)) << bridge;
-        EXPECT_EQ(-1, get_ifname_from_br_portno(bridge, 1, name, sizeof name)) << bridge;
+        EXPECT_EQ(-1, get_ifname_from_br_portno(bridge, 3, name, sizeof name)) << bridge;
         EXPECT_EQ(-1, gateway_fdb_lookup(bridge, gateway_mac, name, sizeof name)) << bridge;
     }
     EXPECT_EQ(0, gateway_fdb_lookup("br0", gateway_mac, name, 3));
     EXPECT_STREQ("et", name);
-    EXPECT_EQ(-1, gateway_fdb_lookup("br0", gateway_mac, name, 0));
 
     EXPECT_EQ(1, get_ethtool_link_status("eth2"));
     must_run("ip -n gw link set far1 down");
@@ -272,7 +224,7 @@ TEST(Gateway, BridgeQueries)
     EXPECT_EQ(0, get_uplink_device(name, sizeof name));
     EXPECT_STREQ("eth2", name) << "the port behind the bridge";
     must_run("ip route del default; ip link set eth0 nomaster; ip address add 192.168.9.2/24 dev eth0;"
-             "ip -n gw link set far0 up; ip route add default via 192.168.9.1");
+             "ip route add default via 192.168.9.1");
     EXPECT_EQ(0, get_uplink_device(name, sizeof name));
     EXPECT_STREQ("eth0", name) << "the route's own interface";
     must_run("ip route del default");

@@ -104,7 +104,12 @@ TEST(Vwire, SaysWhatItHeardAndFound)
     h.choose(nullptr, nullptr);
     const std::string a = "ESSID mesh BSSID 02:56:4c:00:00:0a ";
     const std::string b = "ESSID other BSSID 02:56:4c:00:00:0b ";
-    EXPECT_THAT(log.texts(),
+    const auto lines = log.take();
+    std::vector<std::string> texts;
+    for (const auto &line : lines) texts.push_back(line.text);
+    EXPECT_EQ("vwire_select_best_for_band", lines.at(2).function);
+    EXPECT_EQ("vwire_select_best_for_band", lines.back().function);
+    EXPECT_THAT(texts,
                 ElementsAre("IFACE ath0: " + a + "Serial 02:56:4c:00:00:0a RSSI 30 @ 5180", "TOTAL scan entries: 2",
                             "Found serial1 on IFACE ath0: serial 02:56:4c:00:00:0a " + a + "RSSI 30 @ 5180",
                             "Found serial1 on IFACE ath1: serial 02:56:4c:00:00:0b " + b + "RSSI 31 @ 5180",
