@@ -39,6 +39,16 @@ std::string neighbours()
     return result;
 }
 
+strings said(log_lines &log)
+{
+    strings result;
+    for (const auto &line : log.take()) {
+        EXPECT_EQ("lldp.vela_get_lldp_json", line.module + "." + line.function);
+        result.push_back(line.level + ": " + line.text);
+    }
+    return result;
+}
+
 /// A board with one single port and a switch.
 board_record &be_board(uint16_t system_id)
 {
@@ -97,42 +107,39 @@ TEST(Lldp, AnswersThatMakeNoSense)
 {
     log_lines log("info");
     const std::string too_long = "{\"eth0\": {\"chassis\": {\"" + std::string(20000, 'n') + "\": {}}}}"; // is cut
-    for (const auto &[document, code] : table<std::string, const char *>{
-             {"", "-5"}, {"\xff\xfe", "-5"}, {interfaces(too_long), "-5"}, {"[1]", "-6"}, {"{}", "-6"}}) {
+    const std::string nobody = R"({"lldp": {}})";
+    for (const auto &[document, times, expected] :
+         table<std::string, int, strings>{{"", 1, {"error: wireless/lldp error -5"}},
+                                          {"\xff\xfe", 1, {"error: wireless/lldp error -5"}},
+                                          {interfaces(too_long), 1, {"error: wireless/lldp error -5"}},
+                                          {"[1]", 1, {"error: wireless/lldp error -6"}},
+                                          {"{}", 1, {"error: wireless/lldp error -6"}},
+                                          {nobody, 7, strings(5, "info: No LLDP neighbors found")},
+                                          {interfaces("{}"), 1, {}},
+                                          {nobody, 1, {"info: No LLDP neighbors found"}}}) {
         client_prints(document);
-        EXPECT_EQ("[]", neighbours()) << document;
-        EXPECT_THAT(log.take(), ElementsAre(log_line{"error", "lldp", "vela_get_lldp_json",
-                                                     std::string("wireless/lldp error ") + code}));
+        for (int i = 0; i < times; ++i) EXPECT_EQ("[]", neighbours()) << document;
+        EXPECT_EQ(expected, said(log)) << document;
     }
-    const auto rounds = [](const std::string &document, int n) {
-        client_prints(document);
-        while (n-- > 0) EXPECT_EQ("[]", neighbours());
-    };
-    rounds(R"({"lldp": {}})", 7);
-    EXPECT_EQ(strings(5, "No LLDP neighbors found"), log.texts());
-    rounds(interfaces("{}"), 1);
-    rounds(R"({"lldp": {}})", 1);
-    EXPECT_EQ(1U, log.take().size()) << "said again after neighbours";
 }
 
 TEST(Lldp, AClientThatDoesNotEndIsEnded)
 {
     log_lines log("info");
     const leak_check leaks;
-    const std::string poll_timeout = "Poll timeout";
-    for (const auto &[script, result, said] : table<const char *, const char *, strings>{
+    const std::string poll_timeout = "info: Poll timeout";
+    const std::string nobody = "echo '{\"lldp\": {\"interface\": {}}}'";
+    for (const auto &[script, result, expected] : table<std::string, const char *, strings>{
              {"echo '{\"lldp\"'; sleep 100", "(null)", {poll_timeout}},
              {"sleep 100 & exit", "(null)", {poll_timeout}},
              {"exec yes", "(null)", {poll_timeout}},
-             {"sleep 1.6; echo; sleep 1.6; echo '{\"lldp\": {\"interface\": {}}}'",
-              "[]",
-              {"Warning: lldpcli took 3 seconds!"}},
-             {"echo '{\"lldp\": {\"interface\": {}}}'; exec >&- 2>&-; sleep 100", "[]", {}}}) {
+             {"sleep 1.6; echo; sleep 1.6; " + nobody, "[]", {"error: Warning: lldpcli took 3 seconds!"}},
+             {nobody + "; exec >&- 2>&-; sleep 100", "[]", {}}}) {
         client_runs(script);
         const auto start = std::chrono::steady_clock::now();
         EXPECT_EQ(result, neighbours()) << script;
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15)) << script;
-        EXPECT_EQ(said, log.texts()) << script;
+        EXPECT_EQ(expected, said(log)) << script;
         EXPECT_EQ(0, site::run("! pgrep -x 'sleep|yes' >/dev/null")) << script;
     }
     leaks.expect_unchanged();
@@ -140,17 +147,17 @@ TEST(Lldp, AClientThatDoesNotEndIsEnded)
 
 TEST(Lldp, ReportNamesTheMainPortsNeighbourAndTheUplinks)
 {
-    char main_descr[16] = "old";
-    char oui[8] = "old";
-    char uplink_descr[16] = "old";
-    bool other = true;
-    const auto report = [&](size_t oui_len = sizeof oui, int uplink_len = sizeof uplink_descr) {
-        return vela_get_lldp_report(main_descr, sizeof main_descr, oui, oui_len, &other, uplink_descr, uplink_len);
+    const auto report = [](size_t oui_len, int uplink_len) {
+        char main_descr[16] = "old";
+        char oui[8] = "old";
+        char uplink_descr[16] = "old";
+        bool other = true;
+        const int result =
+            vela_get_lldp_report(main_descr, sizeof main_descr, oui, oui_len, &other, uplink_descr, uplink_len);
+        return strings{std::to_string(result), main_descr, oui, other ? "other" : "wired", uplink_descr};
     };
     be_board(1);
-    EXPECT_EQ(-1, report()) << "no default route";
-    EXPECT_STREQ("", main_descr);
-    EXPECT_FALSE(other);
+    EXPECT_THAT(report(8, 16), ElementsAre("-1", "", "", "wired", "")) << "no default route";
 
     ASSERT_EQ(0, site::run("ip link add ath0 type veth peer name eth5 && ip link set ath0 up && ip link set eth5 up &&"
                            "ip address add 192.168.7.2/24 dev ath0 && ip route add default via 192.168.7.1"));
@@ -158,23 +165,15 @@ TEST(Lldp, ReportNamesTheMainPortsNeighbourAndTheUplinks)
         R"([{"eth1": {"chassis": {"a": {"id": {"value": "02:56:4C:aa:bb:cc"}, "descr": "Old"}}}},)"
         R"({"eth1": {"chassis": {"a": {"id": {"value": "02:56:4C:aa:bb:cc"}, "descr": "Aggregation switch, 24"}}}},)"
         R"({"ath0": {"chassis": {"b": {"descr": "Parent,x"}}}}, {"eth3": {"chassis": {"c": {"descr": "Other"}}}}])"));
-    EXPECT_EQ(0, report());
-    EXPECT_STREQ("Aggregation swi", main_descr);
-    EXPECT_STREQ("02564c", oui);
-    EXPECT_STREQ("Parent", uplink_descr);
-    EXPECT_TRUE(other);
-    for (const int uplink_len : {4, 0}) { // at 0 left alone
-        EXPECT_EQ(0, report(6, uplink_len));
-        EXPECT_STREQ("", oui) << "six digits need seven bytes";
-        EXPECT_STREQ("Par", uplink_descr);
-    }
+    EXPECT_THAT(report(7, 16), ElementsAre("0", "Aggregation swi", "02564c", "other", "Parent"));
+    EXPECT_THAT(report(6, 4), ElementsAre("0", "Aggregation swi", "", "other", "Par")) << "six digits need seven bytes";
+    EXPECT_THAT(report(0, 0), ElementsAre("0", "Aggregation swi", "old", "other", "old")) << "left alone";
+
     ASSERT_EQ(0, site::run("ip route del default; ip address add 192.168.8.2/24 dev eth5;"
                            "ip route add default via 192.168.8.1"));
-    EXPECT_EQ(0, report());
-    EXPECT_FALSE(other);
-    EXPECT_STREQ("", uplink_descr);
+    EXPECT_THAT(report(8, 16), ElementsAre("0", "Aggregation swi", "02564c", "wired", ""));
     client_runs("sleep 100");
-    EXPECT_EQ(-ENOENT, report());
+    EXPECT_EQ(std::to_string(-ENOENT), report(8, 16).front());
 }
 
 // The real daemon in two network namespaces, one wire between them.
