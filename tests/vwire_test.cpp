@@ -1,5 +1,6 @@
 #include "site/world.h"
 #include "tests/support/log_lines.h"
+#include "tests/support/table.h"
 
 #include <deque>
 #include <gmock/gmock.h>
@@ -47,29 +48,22 @@ struct heard {
 
 TEST(Vwire, PrefersSerialsWithinAMargin)
 {
-    struct {
-        const char *what;
-        int32_t a, b, stranger;
-        const char *first, *second;
-        int expected; // 0: a, 1: b, 2: the stranger
-        int length = 17;
-    } const cases[] = {
-        {"no serials", 20, 20, 21, nullptr, nullptr, 2},
-        {"four stronger", 20, 1, 24, serial_a, nullptr, 0},
-        {"five stronger", 20, 1, 25, serial_a, nullptr, 2},
-        {"second within the margin", 20, 21, 25, serial_a, serial_b, 1},
-        {"second beyond it", 20, 20, 25, serial_a, serial_b, 2},
-        {"only a second", 1, 21, 25, nullptr, serial_b, 1},
-        {"all zeros", 25, 1, 25, "00:00:00:00:00:00", nullptr, 0}, // the first of two equals
-        {"zeros over a shorter length", 20, 1, 24, "00:00:4c:00:00:0a", nullptr, 2, 5},
-        {"the first is not tested as second", 20, 1, 24, serial_a, serial_a, 0},
-        {"far apart", INT32_MIN + 1, 1, INT32_MAX, serial_a, nullptr, 2},
-    };
-    for (const auto &c : cases) {
+    enum { a, b, stranger };
+    for (const auto &[rssi_a, rssi_b, rssi_stranger, first, second, length, expected, what] :
+         table<int32_t, int32_t, int32_t, const char *, const char *, int, int, const char *>{
+             {20, 20, 21, nullptr, nullptr, 17, stranger, "no serials"},
+             {20, 1, 24, serial_a, nullptr, 17, a, "four stronger"},
+             {20, 1, 25, serial_a, nullptr, 17, stranger, "five stronger"},
+             {20, 21, 25, serial_a, serial_b, 17, b, "second within the margin"},
+             {20, 20, 25, serial_a, serial_b, 17, stranger, "second beyond it"},
+             {1, 21, 25, nullptr, serial_b, 17, b, "only a second"},
+             {25, 1, 25, "00:00:00:00:00:00", nullptr, 17, a, "all zeros: the first of two equals"},
+             {20, 1, 24, "00:00:4c:00:00:0a", nullptr, 5, stranger, "zeros over a shorter length"},
+             {INT32_MIN + 1, 1, INT32_MAX, serial_a, nullptr, 17, stranger, "far apart"}}) {
         heard h;
-        scan_entry *const entries[] = {h.add(0, c.a, 0x0a), h.add(1, c.b, 0x0b), h.add(2, c.stranger, 0x55)};
-        EXPECT_EQ(entries[c.expected], h.choose(c.first, c.second, c.length)) << c.what;
-        EXPECT_EQ(c.expected, h.index) << c.what;
+        scan_entry *const entries[] = {h.add(0, rssi_a, 0x0a), h.add(1, rssi_b, 0x0b), h.add(2, rssi_stranger, 0x55)};
+        EXPECT_EQ(entries[expected], h.choose(first, second, length)) << what;
+        EXPECT_EQ(expected, h.index) << what;
     }
 }
 
@@ -121,26 +115,20 @@ TEST(Vwire, BandChoice)
     board.radios[0].flags8 = 0x80;
     update_cached_board(&board);
     log_lines log("info");
-    struct {
-        int rssi6, rssi5; // of 5 GHz 0: none
-        const char *afc;  // null: a board that does not need it
-        int expected;
-        const char *log;
-    } const cases[] = {
-        {25, 99, nullptr, 6, "prefer 6GHZ \u2014 6GHZ RSSI 25 >= 25 @ 5955, choosing 6GHZ"},
-        {24, 31, nullptr, 6, "both present \u2014 6GHZ preferred (5GHz delta=7 < 8), choosing 6GHZ (RSSI 24 @ 5955)"},
-        {24, 32, nullptr, 5, "both present \u2014 5GHz stronger by 8 dB (>= 8), choosing 5GHz (RSSI 32 @ 5180)"},
-        {24, 0, nullptr, 6, "only 6GHZ present, choosing 6GHZ (RSSI 24 @ 5955)"},
-        {60, 9, "waiting_for_location", 5, "only 5GHz present, choosing 5GHz (RSSI 9 @ 5180)"},
-        {60, 0, "error", -1, "no 5GHz/6GHZ candidates available \u2014 returning inactive"},
-        {60, 9, "active", 6, "prefer 6GHZ \u2014 6GHZ RSSI 60 >= 25 @ 5955, choosing 6GHZ"},
-    };
-    for (const auto &[rssi6, rssi5, afc, expected, line] : cases) {
-        board.flags = afc ? BOARD_OUTDOOR : 0;
+    for (const auto &[rssi6, rssi5, afc, expected, line] : table<int, int, const char *, int, std::string>{
+             {25, 99, nullptr, 6, "prefer 6GHZ \u2014 6GHZ RSSI 25 >= 25 @ 5955, choosing 6GHZ"},
+             {24, 31, nullptr, 6,
+              "both present \u2014 6GHZ preferred (5GHz delta=7 < 8), choosing 6GHZ (RSSI 24 @ 5955)"},
+             {24, 32, nullptr, 5, "both present \u2014 5GHz stronger by 8 dB (>= 8), choosing 5GHz (RSSI 32 @ 5180)"},
+             {24, 0, nullptr, 6, "only 6GHZ present, choosing 6GHZ (RSSI 24 @ 5955)"},
+             {60, 9, "waiting_for_location", 5, "only 5GHz present, choosing 5GHz (RSSI 9 @ 5180)"},
+             {60, 0, "error", -1, "no 5GHz/6GHZ candidates available \u2014 returning inactive"},
+             {60, 9, "active", 6, "prefer 6GHZ \u2014 6GHZ RSSI 60 >= 25 @ 5955, choosing 6GHZ"}}) {
+        board.flags = afc ? BOARD_OUTDOOR : 0; // which needs AFC
         if (afc) site::put_file("/var/run/afc.state", afc);
         const scan_entry six = {.rssi = rssi6, .freq = 5955};
         const scan_entry five = {.rssi = rssi5, .freq = 5180};
         EXPECT_EQ(expected, vwire_decide_best_band_index(&six, 6, rssi5 ? &five : nullptr, 5)) << line;
-        EXPECT_EQ("band-select: " + std::string(line), log.texts().back());
+        EXPECT_EQ("band-select: " + line, log.texts().back());
     }
 }
