@@ -1,4 +1,3 @@
-#include "site/device.h"
 #include "site/world.h"
 #include "tests/support/leaks.h"
 #include "tests/support/log_lines.h"
@@ -52,7 +51,8 @@ TEST(Uplink, ActiveIndexStaysWithinTheTable)
 
 TEST(Uplink, PopulatesFromTheListedNames)
 {
-    site::lay_out_device();
+    static board_record board = {};
+    update_cached_board(&board);
     log_lines log("warn");
     uplink_table t;
     for (const auto &[listed, result, expected] : table<std::string, int, strings>{
@@ -68,8 +68,6 @@ TEST(Uplink, PopulatesFromTheListedNames)
     }
     EXPECT_THAT(log.take(), ElementsAre(log_line{"warn", "vwire", "add_uplink_wds_ifaces_info_devname",
                                                  "cannot add uplink interface ath5, support only 4"}));
-    static board_record board = {};
-    update_cached_board(&board);
     for (const uint16_t id : {42655, 59911}) { // on these products without the VLAN
         board.system_id = id;
         EXPECT_STREQ("ath1", table_of({"ath1.10"}).entries[0].devname) << id;
