@@ -39,11 +39,10 @@ int text_width(const sk_msg &msg, uint32_t most = INT_MAX) { return static_cast<
 void pause_ms(int ms) { (void)poll(nullptr, 0, ms); }
 
 /// As select has it: a negative time is an error, not for ever.
-vela::wait_result wait_seconds(int fd, short events, int seconds, const vela::deadline &until)
+bool is_time(int seconds)
 {
-    if (seconds >= 0) return vela::wait_for(fd, events, until);
-    errno = EINVAL;
-    return vela::wait_result::failed;
+    if (seconds < 0) errno = EINVAL;
+    return seconds >= 0;
 }
 
 /// Where a message goes: `to` is null on a connected socket.
@@ -91,14 +90,11 @@ private:
 
     [[nodiscard]] bool wait_writable(const vela::deadline &until) const
     {
-        for (;;) {
-            const auto result = wait_seconds(fd, POLLOUT, wait_s, until);
-            if (result == vela::wait_result::ready) return true;
-            if (result == vela::wait_result::timeout) return time_is_up();
-            if (errno == EINTR) continue;
-            log_error_as(step, "Select return -1! errno:%d/%s", errno, strerror(errno));
-            return false;
-        }
+        using enum vela::wait_result;
+        const auto result = is_time(wait_s) ? vela::wait_through_signals(fd, POLLOUT, until) : failed;
+        if (result == timeout) return time_is_up();
+        if (result == failed) log_error_as(step, "Select return -1! errno:%d/%s", errno, strerror(errno));
+        return result == ready;
     }
 
     [[nodiscard]] bool time_is_up() const
@@ -134,7 +130,8 @@ struct connected_source {
 
     ssize_t receive(void *out, size_t size)
     {
-        if (wait_seconds(fd, POLLIN, wait_s, vela::deadline{wait_s}) != vela::wait_result::ready) return -1;
+        if (!is_time(wait_s)) return -1;
+        if (vela::wait_for(fd, POLLIN, vela::deadline{wait_s}) != vela::wait_result::ready) return -1;
         return recv(fd, out, size, MSG_DONTWAIT);
     }
 };
@@ -162,9 +159,7 @@ private:
 
     [[nodiscard]] bool wait_readable() const
     {
-        const vela::deadline until{unconnected_wait_s};
-        auto result = vela::wait_for(fd, POLLIN, until);
-        while (result == vela::wait_result::failed && errno == EINTR) result = vela::wait_for(fd, POLLIN, until);
+        const auto result = vela::wait_through_signals(fd, POLLIN, vela::deadline{unconnected_wait_s});
         if (result == vela::wait_result::timeout) log_warn_as(step, "Select() timeout fd %d", fd);
         if (result == vela::wait_result::failed) {
             // On purpose: no blank behind the number.

@@ -78,17 +78,17 @@ bool send_record(int fd, const webrtc_ipc_msg &record)
     constexpr const char *step = "send_nonblocking";
     const vela::deadline until{send_wait_s};
     do {
-        const auto result = vela::wait_for(fd, POLLOUT, until);
+        const auto result = vela::wait_through_signals(fd, POLLOUT, until);
         if (result == vela::wait_result::timeout) break;
         if (result == vela::wait_result::failed) {
-            if (errno == EINTR) continue;
             log_error_as(step, "Select return -1! errno:%d/%s", errno, strerror(errno));
             return false;
         }
         if (send(fd, &record, sizeof record, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) return true;
-        if (errno == EAGAIN) continue;
-        log_error_as(step, "errno:%d/%s", errno, strerror(errno));
-        return false;
+        if (errno != EAGAIN) {
+            log_error_as(step, "errno:%d/%s", errno, strerror(errno));
+            return false;
+        }
     } while (!until.passed());
     log_warn_as(step, "Connection Timeout!");
     errno = ETIMEDOUT;
@@ -100,8 +100,7 @@ bool receive_record(int fd, webrtc_ipc_msg &record, int wait_s)
 {
     record = {};
     const vela::deadline until{wait_s};
-    auto result = vela::wait_for(fd, POLLIN, until);
-    while (result == vela::wait_result::failed && errno == EINTR) result = vela::wait_for(fd, POLLIN, until);
+    const auto result = vela::wait_through_signals(fd, POLLIN, until);
     if (result == vela::wait_result::timeout) errno = ETIMEDOUT;
     return result == vela::wait_result::ready && recv(fd, &record, sizeof record, MSG_DONTWAIT) >= 0;
 }

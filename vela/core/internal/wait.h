@@ -64,4 +64,12 @@ inline wait_result wait_for(int fd, short events, const deadline &until)
     return ready == 0 ? wait_result::timeout : wait_result::ready;
 }
 
+/// The same, whatever signals come meanwhile.
+inline wait_result wait_through_signals(int fd, short events, const deadline &until)
+{
+    auto result = wait_for(fd, events, until);
+    while (result == wait_result::failed && errno == EINTR) result = wait_for(fd, events, until);
+    return result;
+}
+
 } // namespace vela
