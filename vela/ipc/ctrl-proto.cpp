@@ -137,8 +137,9 @@ private:
         const ssize_t got = receive(reply_.buffer + received_, length);
         if (got < 0) log_error_as(waiting, "recvfrom payload: %i/%s", errno, strerror(errno));
         if (got >= 0 && got != length) log_error_as(waiting, "short payload: got %zd, expected %u", got, length);
+        if (got != length) return false;
         received_ += length;
-        return got == length;
+        return true;
     }
 
     /// One datagram, and its sender's address into the reply. Never blocks beyond the deadline: ETIMEDOUT.
