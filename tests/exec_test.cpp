@@ -2,6 +2,7 @@
 #include "tests/support/faults.h"
 #include "tests/support/leaks.h"
 #include "tests/support/log_lines.h"
+#include "tests/support/signal_storm.h"
 
 #include <csignal>
 #include <gmock/gmock.h>
@@ -121,6 +122,13 @@ TEST(Exec, OutputIsCutToItsBuffer)
         }
     }
     char buf[8];
+    {
+        const signal_storm storm; // a child's end is a signal, too
+        EXPECT_EQ(2, popen_get_output("printf a; sleep 0.1; printf b", buf, sizeof buf));
+        char *text = popen_alloc_output("printf a; sleep 0.1; printf b", 100);
+        EXPECT_STREQ("ab", text);
+        free(text);
+    }
     EXPECT_EQ(-1, popen_get_output("touch /tmp/ran", buf, 0));
     log.take(); // a reader that stops early leaves a writer that may complain
     EXPECT_EQ(2, popen_get_output("printf ab; exit 7", buf, sizeof buf));
