@@ -98,9 +98,7 @@ int get_ifname_from_br_portno(const char *bridge, int portno, char *ifname, size
 
 int get_ethtool_link_status(const char *ifname)
 {
-    if (!is_interface_name(ifname)) return -1;
-    const vela::unique_fd fd{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
-    return fd.ok() ? vela::link_status(fd.get(), ifname) : -1;
+    return is_interface_name(ifname) ? vela::interface_query{}.link(ifname) : -1;
 }
 
 int get_uplink_device(char *buf, size_t size)
@@ -108,7 +106,7 @@ int get_uplink_device(char *buf, size_t size)
     if (!buf || size == 0) return -1;
     buf[0] = '\0';
     vela::rtnetlink::route_socket kernel;
-    const auto route = vela::fetch_default_route(kernel);
+    const auto route = vela::fetch_default_route(kernel, vela::interface_query{});
     if (!route) return -1;
     if (is_bridge(route->ifname)) return port_towards(route->ifname, route->gateway_text, buf, size);
     vela::copy_text(buf, size, route->ifname);

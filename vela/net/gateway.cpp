@@ -103,7 +103,8 @@ bool is_zero(std::span<const uint8_t> bytes)
     return std::all_of(bytes.begin(), bytes.end(), [](uint8_t byte) { return byte == 0; });
 }
 
-std::optional<vela::default_route> as_default_route(const rtnetlink::message &m, int socket)
+std::optional<vela::default_route> as_default_route(const rtnetlink::message &m,
+                                                    const vela::interface_query &interfaces)
 {
     rtmsg header;
     std::span<const uint8_t> rest;
@@ -121,7 +122,7 @@ std::optional<vela::default_route> as_default_route(const rtnetlink::message &m,
         if (a->type == RTA_TABLE && header.rtm_table == 0) table = a->as<uint32_t>().value_or(table);
     }
     vela::default_route route = {};
-    if (!gateway || !interface || !vela::interface_name(socket, *interface, route.ifname)) return std::nullopt;
+    if (!gateway || !interface || !interfaces.name(*interface, route.ifname)) return std::nullopt;
     route.gateway = *gateway;
     if (!inet_ntop(AF_INET, &route.gateway, route.gateway_text, sizeof route.gateway_text)) return std::nullopt;
     log_trace_as("gateway_fetch_default_route", "%s: default route via %s (table %d)", log_module, route.ifname,
@@ -159,11 +160,12 @@ const port_name *find(std::span<const port_name> candidates, const port_name &na
 }
 
 /// Notes the candidate that a usable entry is on. True when this settles it.
-bool note_port(vela::gateway_neighbour &result, const ndmsg &entry, int socket, std::span<const port_name> candidates)
+bool note_port(vela::gateway_neighbour &result, const ndmsg &entry, const vela::interface_query &interfaces,
+               std::span<const port_name> candidates)
 {
     port_name name = "";
     if ((entry.ndm_state & usable_states) == 0) return false;
-    if (!vela::interface_name(socket, static_cast<uint32_t>(entry.ndm_ifindex), name)) return false;
+    if (!interfaces.name(static_cast<uint32_t>(entry.ndm_ifindex), name)) return false;
     if (!find(candidates, name)) return false;
     if (!result.has_port || is_ethernet(name)) vela::copy_text(result.port, name);
     result.has_port = true;
@@ -172,14 +174,15 @@ bool note_port(vela::gateway_neighbour &result, const ndmsg &entry, int socket, 
     return (entry.ndm_state & final_states) != 0;
 }
 
-std::optional<vela::gateway_neighbour> fetch_gateway_neighbour(rtnetlink::route_socket &kernel, in_addr_t gateway,
-                                                               std::span<const port_name> candidates)
+std::optional<vela::gateway_neighbour> fetch_gateway_neighbour(rtnetlink::route_socket &kernel,
+                                                               const vela::interface_query &interfaces,
+                                                               in_addr_t gateway, std::span<const port_name> candidates)
 {
     uint8_t buffer[answer_max];
     rtnetlink::question q{.type = RTM_GETNEIGH, .family = AF_INET, .sequence = 1};
     const auto answer = kernel.dump(q, buffer);
     if (!answer) return std::nullopt;
-    return vela::find_gateway_neighbour(*answer, q, kernel.fd(), gateway, candidates);
+    return vela::find_gateway_neighbour(*answer, q, interfaces, gateway, candidates);
 }
 
 /// The port that the forwarding database knows the gateway behind, when it is a candidate with link.
@@ -209,26 +212,27 @@ namespace vela
 {
 
 std::optional<default_route> find_default_route(std::span<const uint8_t> answer, const rtnetlink::question &q,
-                                                int socket)
+                                                const interface_query &interfaces)
 {
     rtnetlink::messages walk{answer, q};
     while (const auto m = walk.next()) {
-        if (const auto route = as_default_route(*m, socket)) return route;
+        if (const auto route = as_default_route(*m, interfaces)) return route;
     }
     return std::nullopt;
 }
 
-std::optional<default_route> fetch_default_route(rtnetlink::route_socket &kernel)
+std::optional<default_route> fetch_default_route(rtnetlink::route_socket &kernel, const interface_query &interfaces)
 {
     uint8_t buffer[answer_max];
     rtnetlink::question q{.type = RTM_GETROUTE, .family = AF_INET, .sequence = 1};
     const auto answer = kernel.dump(q, buffer);
     if (!answer) return std::nullopt;
-    return find_default_route(*answer, q, kernel.fd());
+    return find_default_route(*answer, q, interfaces);
 }
 
-gateway_neighbour find_gateway_neighbour(std::span<const uint8_t> answer, const rtnetlink::question &q, int socket,
-                                         in_addr_t gateway, std::span<const char[16]> candidates)
+gateway_neighbour find_gateway_neighbour(std::span<const uint8_t> answer, const rtnetlink::question &q,
+                                         const interface_query &interfaces, in_addr_t gateway,
+                                         std::span<const char[16]> candidates)
 {
     gateway_neighbour result = {};
     rtnetlink::messages walk{answer, q};
@@ -239,7 +243,7 @@ gateway_neighbour find_gateway_neighbour(std::span<const uint8_t> answer, const 
             memcpy(result.mac, n->link_address->data(), sizeof result.mac);
             result.has_mac = true;
         }
-        if (note_port(result, n->header, socket, candidates)) break;
+        if (note_port(result, n->header, interfaces, candidates)) break;
     }
     return result;
 }
@@ -250,7 +254,7 @@ int gateway_get_ip(char *ip, uint32_t *addr, size_t len)
 {
     if (!ip || !addr || len == 0) return -1;
     rtnetlink::route_socket kernel;
-    const auto route = vela::fetch_default_route(kernel);
+    const auto route = vela::fetch_default_route(kernel, vela::interface_query{});
     vela::copy_text(ip, len, route ? route->gateway_text : "");
     *addr = route ? route->gateway : 0;
     return route ? 0 : -1;
@@ -321,16 +325,17 @@ int gateway_detect_uplink(const char *bridge, char (*candidates)[16], int count,
     const std::span<const port_name> ports{candidates, static_cast<size_t>(count)};
 
     rtnetlink::route_socket kernel;
-    const auto route = vela::fetch_default_route(kernel);
+    const vela::interface_query interfaces;
+    const auto route = vela::fetch_default_route(kernel, interfaces);
     if (!route) {
         log_debug("%s: no default route", log_module);
         return -1;
     }
     log_debug("%s: gateway %s via %s", log_module, route->gateway_text, *route->ifname ? route->ifname : "(unknown)");
 
-    const auto found = fetch_gateway_neighbour(kernel, route->gateway, ports);
+    const auto found = fetch_gateway_neighbour(kernel, interfaces, route->gateway, ports);
     auto seen = found.value_or(vela::gateway_neighbour{});
-    if (seen.has_port && vela::link_status(kernel.fd(), seen.port) > 0) {
+    if (seen.has_port && interfaces.link(seen.port) > 0) {
         log_debug("%s: neighbor on %s", log_module, seen.port);
         vela::copy_text(out, n, seen.port);
         return 0;

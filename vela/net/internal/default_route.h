@@ -5,6 +5,7 @@
 #include <net/if.h>
 #include <optional>
 #include <span>
+#include <vela/net/internal/interface.h>
 #include <vela/net/internal/rtnetlink.h>
 
 namespace vela
@@ -17,11 +18,11 @@ struct default_route {
 };
 
 /// The first default route with a gateway, in the kernel's order, whatever its metric.
-std::optional<default_route> fetch_default_route(rtnetlink::route_socket &kernel);
+std::optional<default_route> fetch_default_route(rtnetlink::route_socket &kernel, const interface_query &interfaces);
 
-/// The same from an answer of the kernel; `socket` is asked for interfaces' names.
+/// The same from an answer of the kernel.
 std::optional<default_route> find_default_route(std::span<const uint8_t> answer, const rtnetlink::question &q,
-                                                int socket);
+                                                const interface_query &interfaces);
 
 /// Where the neighbour table has the gateway: its address, and the candidate port it was seen on.
 struct gateway_neighbour {
@@ -32,7 +33,8 @@ struct gateway_neighbour {
 };
 
 /// The same for the neighbour table.
-gateway_neighbour find_gateway_neighbour(std::span<const uint8_t> answer, const rtnetlink::question &q, int socket,
-                                         in_addr_t gateway, std::span<const char[16]> candidates);
+gateway_neighbour find_gateway_neighbour(std::span<const uint8_t> answer, const rtnetlink::question &q,
+                                         const interface_query &interfaces, in_addr_t gateway,
+                                         std::span<const char[16]> candidates);
 
 } // namespace vela

@@ -7,22 +7,22 @@
 namespace vela
 {
 
-bool interface_name(int socket, uint32_t index, char (&name)[IF_NAMESIZE])
+bool interface_query::name(uint32_t index, char (&name)[IF_NAMESIZE]) const
 {
     ifreq request = {};
     request.ifr_ifindex = static_cast<int>(index);
-    if (ioctl(socket, SIOCGIFNAME, &request) < 0) return false;
+    if (ioctl(fd_.get(), SIOCGIFNAME, &request) < 0) return false;
     copy_text(name, field(request.ifr_name));
     return true;
 }
 
-int link_status(int socket, const char *ifname)
+int interface_query::link(const char *ifname) const
 {
     ethtool_value link = {.cmd = ETHTOOL_GLINK, .data = 0};
     ifreq request = {};
     copy_text(request.ifr_name, ifname);
     request.ifr_data = reinterpret_cast<char *>(&link);
-    return ioctl(socket, SIOCETHTOOL, &request) < 0 ? -1 : link.data != 0;
+    return ioctl(fd_.get(), SIOCETHTOOL, &request) < 0 ? -1 : link.data != 0;
 }
 
 } // namespace vela

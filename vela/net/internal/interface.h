@@ -1,17 +1,25 @@
-// What the kernel says of one interface by ioctl. Any open socket will do, whatever its family (netdevice(7)), so that
-// who has one opens no other.
+// What the kernel says of interfaces by ioctl.
 #pragma once
 
 #include <cstdint>
 #include <net/if.h>
+#include <sys/socket.h>
+#include <vela/core/internal/own.h>
 
 namespace vela
 {
 
-/// The name of an interface; false when there is none of that index.
-bool interface_name(int socket, uint32_t index, char (&name)[IF_NAMESIZE]);
+/// Asks over one datagram socket, whatever the number of questions; a route socket takes them only since Linux 4.16.
+class interface_query
+{
+public:
+    /// The name of an interface; false when there is none of that index.
+    bool name(uint32_t index, char (&name)[IF_NAMESIZE]) const;
+    /// As get_ethtool_link_status().
+    [[nodiscard]] int link(const char *ifname) const;
 
-/// As get_ethtool_link_status().
-int link_status(int socket, const char *ifname);
+private:
+    unique_fd fd_{socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)}; // where it fails, so does every question
+};
 
 } // namespace vela

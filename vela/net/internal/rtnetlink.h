@@ -30,8 +30,6 @@ public:
     [[nodiscard]] ssize_t receive(std::span<uint8_t> into) const;
     /// Asks and reads the whole dump, at most as much as the buffer holds. Nothing on failure.
     std::optional<std::span<const uint8_t>> dump(question &q, std::span<uint8_t> buffer);
-    /// For requests about interfaces, which any socket takes.
-    [[nodiscard]] int fd() const { return fd_.get(); }
 
 private:
     bool open();
