@@ -1,64 +1,42 @@
 // The helpers that take text from outside. jansson, which keeps valid UTF-8 only, says what a clean text is.
 #include <cstdlib>
 #include <cstring>
-#include <jansson.h>
-#include <memory>
 #include <string>
+#include <vector>
+#include <vela/core/internal/json.h>
 #include <vela/core/util.h>
 
 namespace
 {
 
 /// A block of exactly the text and its NUL.
-std::unique_ptr<char[]> copy_of(const std::string &text)
-{
-    std::unique_ptr<char[]> copy{new char[text.size() + 1]};
-    memcpy(copy.get(), text.c_str(), text.size() + 1);
-    return copy;
-}
-
-bool is_clean(const char *text)
-{
-    json_t *value = json_string(text);
-    json_decref(value);
-    return value != nullptr;
-}
+std::vector<char> copy_of(const std::string &text) { return {text.c_str(), text.c_str() + text.size() + 1}; }
 
 void check(bool holds)
 {
     if (!holds) abort();
 }
 
-void sanitize(const std::string &text, const std::string &before)
-{
-    const auto clean = copy_of(text);
-    utf8_sanitize(clean.get());
-    check(is_clean(clean.get()) && strlen(clean.get()) == text.size());
-    if (is_clean(text.c_str())) check(text == clean.get());
+bool is_clean(const std::string &text) { return vela::json_ref{json_string(text.c_str())} != nullptr; }
 
-    const auto shifted = copy_of(before + text);
-    utf8_sanitize(shifted.get());
-    check(before + clean.get() == shifted.get()); // wherever it stands
-}
-
-void truncate(const std::string &text, size_t characters, size_t bytes)
+std::string sanitized(const std::string &text)
 {
-    const size_t length = utf8_truncate_len(copy_of(text).get(), characters, bytes);
-    check(length <= bytes && length <= text.size());
-    if (is_clean(text.c_str())) check(is_clean(text.substr(0, length).c_str()));
+    auto copy = copy_of(text);
+    utf8_sanitize(copy.data());
+    return copy.data();
 }
 
 void convert_and_cut(const char *text, size_t size)
 {
-    const std::unique_ptr<char[]> out{new char[size]};
-    (void)hex2uchar(text, reinterpret_cast<uint8_t *>(out.get()), size);
+    std::vector<char> out(size);
     uint8_t mac[6];
+    (void)hex2uchar(text, reinterpret_cast<uint8_t *>(out.data()), size);
     (void)strtomac(text, mac);
-    strncpy_trim(out.get(), size, text);
-    check(size == 0 || strlen(out.get()) < size);
-    strip_vlan_suffix(out.get(), text, size);
-    check(size == 0 || (strlen(out.get()) < size && !strchr(out.get(), '.')));
-    trim_trailing(copy_of(text).get(), strlen(text));
+    strncpy_trim(out.data(), size, text);
+    check(size == 0 || strlen(out.data()) < size);
+    strip_vlan_suffix(out.data(), text, size);
+    check(size == 0 || (strlen(out.data()) < size && !strchr(out.data(), '.')));
+    trim_trailing(copy_of(text).data(), strlen(text));
 }
 
 /// A memory stream refuses to grow, so no line may move.
@@ -77,10 +55,16 @@ void comment_out(const std::string &bytes, const char *patterns)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size < 2) return 0;
-    const std::string bytes(data + 2, data + size), text = bytes.c_str();
-    sanitize(text, std::string(data[0], 'a'));
-    truncate(text, data[0], data[1]);
-    convert_and_cut(copy_of(text).get(), data[1]);
+    const std::string bytes(data + 2, data + size), text = bytes.c_str(), before(data[0], 'a');
+    const std::string clean = sanitized(text);
+    check(is_clean(clean) && clean.size() == text.size() && (clean == text || !is_clean(text)));
+    check(before + clean == sanitized(before + text)); // wherever it stands
+
+    const size_t length = utf8_truncate_len(copy_of(text).data(), data[0], data[1]);
+    check(length <= data[1] && length <= text.size());
+    check(is_clean(text.substr(0, length)) || !is_clean(text));
+
+    convert_and_cut(copy_of(text).data(), data[1]);
     comment_out(bytes, text.c_str());
     return 0;
 }
