@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstring>
 #include <vela/core/crypto.h>
+#include <vela/core/internal/block.h>
 
 namespace
 {
@@ -32,14 +33,11 @@ int size_or_error(uint64_t size) { return size <= INT_MAX ? static_cast<int>(siz
 
 // Sixteen letters at once, by arithmetic instead of a table.
 
-#if defined(__SSE2__) || (defined(__ARM_NEON) && defined(__ARMEL__)) || defined(__AARCH64EL__)
-constexpr bool has_vectors = true;
-#else
-constexpr bool has_vectors = false; // then the compiler would take vectors apart
-#endif
+/// Groups are put together in a word, its first byte lowest.
+constexpr bool has_vectors = vela::has_blocks && std::endian::native == std::endian::little;
 
-typedef uint8_t letters __attribute__((vector_size(16)));
-typedef uint32_t groups __attribute__((vector_size(16)));
+using letters = vela::byte_block;
+using groups = uint32_t __attribute__((vector_size(sizeof(letters))));
 
 constexpr int bytes_per_vector = 12;
 

@@ -10,6 +10,7 @@
 #include <vela/core/crypto.h>
 #include <vela/core/file.h>
 #include <vela/core/internal/log.h>
+#include <vela/core/internal/numbers.h>
 #include <vela/core/internal/own.h>
 #include <vela/core/internal/text.h>
 
@@ -120,19 +121,13 @@ template <class Number> Number number_at(int directory, const char *path, Number
     return number_in(text, fallback);
 }
 
-template <class Number> Number wrapping_sum(Number a, Number b)
-{
-    using bits = std::make_unsigned_t<Number>;
-    return static_cast<Number>(static_cast<bits>(a) + static_cast<bits>(b));
-}
-
 template <class Number> int add_at(int directory, const char *path, Number delta)
 {
     const auto file = open_file(directory, path, O_RDWR | O_CREAT, at_writer_mode);
     if (!file.ok()) return -1;
     char text[number_size];
     read_line(file.get(), text, sizeof text);
-    const Number sum = wrapping_sum(number_in(text, Number{0}), delta);
+    const Number sum = vela::wrapping_sum(number_in(text, Number{0}), delta);
 
     if (ftruncate(file.get(), 0) != 0 || lseek(file.get(), 0, SEEK_SET) != 0) return -1;
     return dprintf(file.get(), "%lld\n", static_cast<long long>(sum)) < 0 ? -1 : 0;
@@ -283,7 +278,7 @@ double freaddouble(const char *path, double fallback) { return decimal_in_line<d
 
 int faddlong(const char *path, long delta)
 {
-    return fwriteline(path, "%ld\n", wrapping_sum(freadlong(path, 0), delta)) > 0 ? 0 : -1;
+    return fwriteline(path, "%ld\n", vela::wrapping_sum(freadlong(path, 0), delta)) > 0 ? 0 : -1;
 }
 
 int touch_file(const char *path, mode_t mode)

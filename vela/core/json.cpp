@@ -5,6 +5,7 @@
 #include <vela/core/file.h>
 #include <vela/core/internal/json.h>
 #include <vela/core/internal/log.h>
+#include <vela/core/internal/numbers.h>
 #include <vela/core/internal/text.h>
 #include <vela/core/json.h>
 
@@ -22,11 +23,6 @@ constexpr size_t series_max = 360;
 constexpr int64_t first_interval_s = 10;
 
 using member_name = vela::formatted<member_name_size>;
-
-int64_t wrapping_sum(int64_t a, int64_t b)
-{
-    return static_cast<int64_t>(static_cast<uint64_t>(a) + static_cast<uint64_t>(b));
-}
 
 /// Seconds from then to now, as far as 64 bits can tell.
 int64_t elapsed(int64_t now_s, int64_t then_s)
@@ -150,7 +146,7 @@ int vela_json_add_long(json_t *object, const char *key, int32_t delta) { return 
 
 int vela_json_add_i64(json_t *object, const char *key, int64_t delta)
 {
-    const int64_t sum = wrapping_sum(vela_json_read_i64(object, key, 0), delta);
+    const int64_t sum = vela::wrapping_sum(vela_json_read_i64(object, key, 0), delta);
     return json_object_set_new(object, key, json_integer(sum));
 }
 
@@ -193,7 +189,7 @@ int vela_json_maybe_append_array(json_t *object, const char *prefix, int64_t val
 
     if (json_array_size(array) >= series_max) {
         thin(array);
-        const json_int_t doubled = wrapping_sum(interval_s, interval_s);
+        const json_int_t doubled = vela::wrapping_sum(interval_s, interval_s);
         (void)json_object_set_new(object, interval_name.c_str(), json_integer(doubled)); // else thinned earlier again
     }
     set_time();
