@@ -10,6 +10,7 @@
 #include <vela/core/util.h>
 
 using namespace std::string_literals;
+using testing::Each;
 using testing::ElementsAre;
 
 namespace
@@ -156,7 +157,7 @@ TEST(Util, TruncationKeepsCharactersWhole)
     const table<std::string, size_t, size_t, size_t> cases = {
         {ascii, 12, 99, 12},     {ascii, 99, 13, 13},   {ascii, 99, SIZE_MAX, 20}, {ascii, 0, 9, 0},
         {three_four, 2, 7, 7},   {three_four, 2, 6, 3}, {"\xF0zz", 99, 3, 0},      {"\xF0zz", 99, 4, 3},
-        {"\xE2\x82zz", 3, 9, 3}, {"\xE2\x82", 9, 9, 2}, {"a\xC3\xA9z", 9, 2, 1},   {"\x80\xFF", 9, 9, 2}};
+        {"\xE2\x82zz", 3, 9, 3}, {"\xE2\x82", 9, 9, 2}, {"a\xC3\xA9z", 9, 2, 1},   {"\x80\xF8", 9, 2, 2}};
     for (const auto &[text, characters, bytes, result] : cases) {
         EXPECT_EQ(result, utf8_truncate_len(text.c_str(), characters, bytes)) << text << ", " << bytes << " bytes";
     }
@@ -169,10 +170,17 @@ TEST(Util, Masks)
     }
     EXPECT_EQ(3U, ipv4_prefix_len_from_netmask(0x80000003) + ipv4_netmask_from_prefix_len(33));
     EXPECT_TRUE(ip_belongs_to_subnet(0x281, 0x201, ~0xFFU) == 1 && ip_belongs_to_subnet(0x381, 0x281, ~0xFFU) == 0);
-    uint8_t mask[16], zero[16] = {}, one[16] = {0, 0, 0, 0, 0, 0, 0, 0, 1};
+    uint8_t mask[16], zero[16] = {};
     ipv6_netmask_from_prefix_len(mask, -1);
-    EXPECT_THAT(mask, testing::Each(0xFF));
-    for (const unsigned length : {0U, 64U, 71U}) EXPECT_EQ(1, net_equals_v6(zero, one, length)) << length;
-    for (const unsigned length : {72U, 128U, UINT_MAX}) EXPECT_EQ(0, net_equals_v6(zero, one, length)) << length;
+    EXPECT_THAT(mask, Each(0xFF));
+    ipv6_netmask_from_prefix_len(mask, 0);
+    EXPECT_THAT(mask, Each(0));
+    for (const unsigned length : {0U, 1U, 63U, 64U, 65U, 127U, 128U, UINT_MAX}) {
+        for (unsigned bit = 0; bit < 128; ++bit) {
+            uint8_t other[16] = {};
+            other[bit / 8] = static_cast<uint8_t>(0x80 >> bit % 8);
+            EXPECT_EQ(bit >= length, net_equals_v6(zero, other, length)) << length << ", bit " << bit;
+        }
+    }
     EXPECT_EQ(0, net_equals_v6(nullptr, zero, 0));
 }
