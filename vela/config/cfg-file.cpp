@@ -179,7 +179,7 @@ void free_cfg(cfg_entry *cfg)
         const block_of_records block{cfg};
         do {
             const cfg_entry entry = *cfg;
-            if (entry.escaped != entry.value) free(entry.escaped);
+            if (entry.escaped != entry.value) block.release_unless_inside(entry.escaped);
             block.release_unless_inside(entry.key);
             block.release_unless_inside(entry.value);
             cfg = entry.next;

@@ -37,8 +37,9 @@ extern "C" {
 typedef struct cfg_entry cfg_entry;
 /**
  * One record. Its texts belong to the configuration and live as long. All records of a parsed configuration and their
- * texts are one block; a program may put a text of its own, from malloc, in the place of one (without freeing that),
- * put records of its own before or behind, or make a list record by record: free_cfg() gives all of it back.
+ * texts are one block; a program may put a text of its own, from malloc, in the place of one (without freeing that; a
+ * new value wants escaped null again), put records of its own before or behind, or make a list record by record:
+ * free_cfg() gives all of it back.
  */
 struct cfg_entry {
     char *key;
