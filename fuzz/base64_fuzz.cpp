@@ -1,5 +1,5 @@
-// Any bytes go through the encoders and back; any text goes through the decoder and agrees with bits taken one by one.
-// Every buffer is exactly as large as the length functions say.
+// Any text goes through the decoder, in buffers exactly as large as the length function says, and agrees with bits
+// taken one by one. The encoders are compared with OpenSSL's by the tests.
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -10,13 +10,6 @@ namespace
 {
 
 using bytes = std::vector<uint8_t>;
-
-bytes decode(const char *text)
-{
-    bytes out(static_cast<size_t>(base64_decode_len(text)));
-    base64_decode(out.data(), text);
-    return out;
-}
 
 bytes decode_bit_by_bit(const std::string &text)
 {
@@ -37,17 +30,12 @@ bytes decode_bit_by_bit(const std::string &text)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    const int n = static_cast<int>(size);
-    for (const auto encode : {base64rfc_encode, base64url_encode}) {
-        std::vector<char> text(static_cast<size_t>(base64_encode_len(n)));
-        encode(text.data(), data, n);
-        if (size != 0 && memcmp(data, decode(text.data()).data(), size) != 0) abort();
-    }
     const std::string all(reinterpret_cast<const char *>(data), size);
     const std::vector<char> text(all.c_str(), all.c_str() + strlen(all.c_str()) + 1);
     bytes expected = decode_bit_by_bit(text.data());
     expected.push_back(0);
-    const bytes out = decode(text.data());
+    bytes out(static_cast<size_t>(base64_decode_len(text.data())));
+    base64_decode(out.data(), text.data());
     if (expected.size() > out.size() || !std::equal(expected.begin(), expected.end(), out.begin())) abort();
     return 0;
 }
