@@ -1,13 +1,16 @@
-// Any file: every key is found, and what is saved reads back the same.
-#include <cstdio>
+// Any file: lookups and sorting agree with the order of keys as it is stated.
+#include <cctype>
 #include <cstdlib>
 #include <cstring>
-#include <string>
-#include <sys/mman.h>
 #include <vela/config/cfg.h>
 
 namespace
 {
+
+void require(bool condition)
+{
+    if (!condition) abort();
+}
 
 cfg_entry *parse_bytes(const void *data, size_t size)
 {
@@ -17,30 +20,34 @@ cfg_entry *parse_bytes(const void *data, size_t size)
     return cfg;
 }
 
-void check(bool holds)
+/// The order position by position; without a locale, ctype knows the letters of ASCII only.
+int stated_order(const char *a, const char *b)
 {
-    if (!holds) abort();
+    const auto mapped = [](const char *s) -> uint64_t {
+        if (!isdigit(static_cast<uint8_t>(*s))) return static_cast<uint64_t>(tolower(static_cast<uint8_t>(*s)));
+        uint32_t value = 0;
+        while (isdigit(static_cast<uint8_t>(*s))) value = value * 10 + static_cast<uint32_t>(*s++ - '0');
+        return 256 + uint64_t{value};
+    };
+    while (*a && mapped(a) == mapped(b)) ++a, ++b;
+    return mapped(a) == mapped(b) ? 0 : mapped(a) < mapped(b) ? -1 : 1;
 }
 
-/// Keys that start like a comment or an empty line are written as they are, and read back as none.
-bool reads_back(const char *key) { return *key != '#' && *key != '\r'; }
-
-void check_saved(const cfg_entry *cfg)
+void check_lookups(cfg_entry *cfg)
 {
-    static const std::string path = "/proc/self/fd/" + std::to_string(memfd_create("saved", MFD_CLOEXEC));
-    for (const cfg_entry *entry = cfg; entry; entry = entry->next) {
-        if (strncmp(entry->key, "# misc", 6) == 0) return;
+    int few = 50;
+    for (const cfg_entry *entry = cfg; entry && few > 0; entry = entry->next, --few) {
+        const cfg_entry *first = cfg;
+        while (stated_order(first->key, entry->key) != 0) first = first->next;
+        require(get_value(cfg, nullptr, "%s", entry->key) == first->value);
+        require(strlen(get_esc_value(cfg, nullptr, "%s", entry->key)) >= strlen(first->value));
     }
-    check(save_cfg(cfg, path.c_str()) == 0);
-    cfg_entry *again = parse(path.c_str());
-    const cfg_entry *read = again;
-    for (; cfg; cfg = cfg->next) {
-        if (!reads_back(cfg->key)) continue;
-        check(read && strcmp(cfg->key, read->key) == 0 && strcmp(cfg->value, read->value) == 0);
-        read = read->next;
+    cfg_entry *elements = get_cfg_section(cfg, nullptr, nullptr, "s.");
+    require(get_cfg_count(elements) == get_cfg_section_count(cfg, nullptr, nullptr, "s."));
+    for (const cfg_entry *element = elements; element && element->next; element = element->next) {
+        require(stated_order(element->key, element->next->key) <= 0);
     }
-    check(!read);
-    free_cfg(again);
+    free_cfg_it(elements);
 }
 
 } // namespace
@@ -48,16 +55,7 @@ void check_saved(const cfg_entry *cfg)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     cfg_entry *cfg = parse_bytes(data, size);
-    for (const cfg_entry *entry = cfg; entry; entry = entry->next) {
-        const char *value = get_value(cfg, nullptr, "%s", entry->key);
-        check(value && get_cfg_key_count(cfg, 1, "%s", entry->key) > 0);
-        check(strlen(get_esc_value(cfg, nullptr, "%s", entry->key)) >= strlen(value));
-    }
-    cfg_entry *elements = get_cfg_section(cfg, ".x", nullptr, "s.");
-    check(get_cfg_count(elements) == get_cfg_section_count(cfg, ".x", nullptr, "s."));
-    free_cfg_it(elements);
-    check_saved(cfg);
-
+    check_lookups(cfg);
     cfg_entry *half = parse_bytes(data, size / 2);
     free_cfg_it(get_cfg_diff_it(half, cfg));
     free_cfg(half);
