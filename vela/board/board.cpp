@@ -99,7 +99,7 @@ int board_get_cpu_mac(cpu_port *out)
 const char *get_radio_dev_name(int i)
 {
     const auto radios = radios_of(*board_identify());
-    return i >= 0 && static_cast<size_t>(i) < radios.size() ? radios[static_cast<size_t>(i)].dev_name : "";
+    return i >= 0 && i < std::ssize(radios) ? radios[static_cast<size_t>(i)].dev_name : "";
 }
 
 const phy_port *get_main_phy(void)

@@ -195,11 +195,24 @@ constexpr row rows[] = {
     {"Patch 7 Fiber", "P7F", 45090, 2, patch_fiber, {}, {.mains = true}},
 };
 
+constexpr bool has_each_port_once(std::span<const phy_group> groups)
+{
+    uint64_t seen = 0;
+    for (const phy_group &group : groups) {
+        for (const phy_port &port : std::span(group.ports, group.port_count)) {
+            const uint64_t bit = uint64_t{1} << port.port_id;
+            if (seen & bit) return false;
+            seen |= bit;
+        }
+    }
+    return true;
+}
+
 constexpr bool every_row_fits_a_record()
 {
     return std::ranges::all_of(rows, [](const row &r) {
         return r.system_id != 0 && r.ports.size() <= BOARD_MAX_PHY_GROUPS && r.radios.size() <= BOARD_MAX_RADIOS &&
-               r.has.poe_out.reserve <= r.has.poe_out.budget;
+               has_each_port_once(r.ports) && r.has.poe_out.reserve <= r.has.poe_out.budget;
     });
 }
 
