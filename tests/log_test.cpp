@@ -71,6 +71,9 @@ TEST(Log, MessagesOfASystemLogThatIsNotThereGoToTheKernelLogOnce)
     libvela_log(3, "mod", "fn", "empty");
     EXPECT_THAT(kernel.take(),
                 ElementsAre(log_line{"info", "mod", "fn", "no file"}, log_line{"info", "mod", "fn", "empty"}));
+    const auto record_too_long = std::make_unique<faults::refuse>(faults::call::write, EINVAL, 0, false);
+    libvela_log(3, "mod", "fn", "%s", std::string(2000, 'x').c_str());
+    EXPECT_THAT(kernel.texts(), ElementsAre(testing::StartsWith("xxx"))) << "its start at least";
     site::put_file("/var/log/messages", "begun\n");
     libvela_log(4, "cfg", "parse", "text %s", "here");
     char record[256] = {};

@@ -75,7 +75,9 @@ void write_kernel_log(const message &m)
                                 level_name(m.level), m.module, m.func, m.text, m.terminator);
     if (length < 0) vela::out_of_memory("log", format_failure_line);
     const vela::c_string line{text};
-    (void)!write(kernel_log.get(), text, static_cast<size_t>(length)); // nowhere left to complain
+    if (write(kernel_log.get(), text, static_cast<size_t>(length)) >= 0 || errno != EINVAL) return;
+    // More than a record holds is refused whole: better its start than nothing. There is nowhere left to complain.
+    (void)!write(kernel_log.get(), text, static_cast<size_t>(std::min(length, kernel_line_max)));
 }
 
 /// Width of what the kernel log puts before a line of a JSON document.

@@ -5,7 +5,8 @@
  * Two environment variables decide, read at the first level test: LIBVELA_VERBOSITY names the threshold ("error",
  * "warn", "info", "debug", "trace"; "info" when unset), LIBVELA_FACILITIES names the sinks ("syslog", "stderr", "kmsg"
  * in any combination; "syslog" and "stderr" when unset). The system log counts as unavailable while /var/log/messages
- * is missing or empty; its messages then go to the kernel log. For single-threaded processes: nothing is locked.
+ * is missing or empty; its messages then go to the kernel log, which takes one record for each and keeps the start of
+ * one that is too long. For single-threaded processes: nothing is locked.
  */
 #ifndef VELA_CORE_LOG_H
 #define VELA_CORE_LOG_H
