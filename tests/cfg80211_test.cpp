@@ -1,5 +1,4 @@
 #include "tests/support/fake_netlink.h"
-#include "tests/support/leaks.h"
 #include "tests/support/log_lines.h"
 
 #include <cstdarg>
@@ -7,7 +6,6 @@
 #include <gmock/gmock.h>
 #include <linux/nl80211.h>
 #include <linux/wireless.h>
-#include <sys/socket.h>
 #include <vela/settings.h>
 #include <vela/wireless/cfg80211.h>
 
@@ -17,14 +15,23 @@ using testing::IsEmpty;
 namespace
 {
 
+using bytes = fake_netlink::bytes;
+
 // The driver behind private ioctls: keeps the request and leaves its answer in it.
 struct {
-    int calls = 0;
-    unsigned long request = 0;
-    iwreq seen = {};
-    uint8_t answer[16] = {};
-    int result = 0;
-} driver;
+    int calls, result;
+    unsigned long request;
+    iwreq seen;
+    uint8_t answer[16];
+} driver = {};
+
+// The wrapper's opening and closing, in place of its own: on a kernel of the test's.
+struct {
+    nl_sock *socket;
+    int failures; ///< the next ones
+    std::vector<uint32_t> tried;
+    int open = 0;
+} wrapper;
 
 } // namespace
 
@@ -41,41 +48,60 @@ extern "C" int ioctl(int, unsigned long request, ...) noexcept
     return driver.result;
 }
 
+int wifi_init_nl80211_largebuf(wifi_cfg80211_context *context, int large)
+{
+    EXPECT_EQ(1, large);
+    EXPECT_EQ(nullptr, context->cmd_sock);
+    EXPECT_EQ(context->cmd_sock_id + 1, context->event_sock_id);
+    context->event_callback(context, 0, nullptr, 0);
+    wrapper.tried.push_back(context->cmd_sock_id);
+    if (wrapper.failures > 0) return -10 - wrapper.failures--;
+    context->cmd_sock = wrapper.socket;
+    context->family = fake_netlink::family();
+    ++wrapper.open;
+    return 0;
+}
+
+void wifi_destroy_nl80211(wifi_cfg80211_context *) { --wrapper.open; }
+
 namespace
 {
-
-using bytes = fake_netlink::bytes;
 
 class Vendor : public testing::Test
 {
 protected:
     fake_netlink kernel;
     vl_cfg80211_context context = {kernel.socket(), nullptr, 0, 0, fake_netlink::family(), nullptr};
+    log_lines log;
 
-    void answer(const bytes &data)
+    Vendor() { wrapper = {kernel.socket(), 0, {}}; }
+    ~Vendor() override { EXPECT_EQ(0, wrapper.open) << "contexts left open"; }
+
+    /// The next command is answered with these replies.
+    void answer(const std::vector<bytes> &replies)
     {
-        kernel.reply(NL80211_CMD_VENDOR, [&](nl_msg *m) {
-            nla_put(m, NL80211_ATTR_VENDOR_DATA, static_cast<int>(data.size()), data.data());
-        });
+        for (const bytes &data : replies) {
+            kernel.reply(NL80211_CMD_VENDOR, [&](nl_msg *m) {
+                nla_put(m, NL80211_ATTR_VENDOR_DATA, static_cast<int>(data.size()), data.data());
+            });
+        }
+        kernel.acknowledge();
     }
 
-    /// The attributes of a command for the interface with index 1.
-    static bytes command(uint32_t sub_command, uint32_t id, uint32_t room, const bytes &data)
+    /// The attributes of a command for the interface with index 1; `data` in whole words.
+    static bytes command(uint8_t sub_command, uint16_t id, uint8_t room, const bytes &data)
     {
-        nl_msg *m = nlmsg_alloc();
-        nla_put_u32(m, NL80211_ATTR_IFINDEX, 1);
-        nla_put_u32(m, NL80211_ATTR_VENDOR_ID, vela::settings::vendor_oui);
-        nla_put_u32(m, NL80211_ATTR_VENDOR_SUBCMD, sub_command);
-        nlattr *nested = nla_nest_start(m, NL80211_ATTR_VENDOR_DATA | NLA_F_NESTED);
-        nla_put_u32(m, WIFI_VENDOR_ATTR_COMMAND, id);
-        nla_put_u8(m, WIFI_VENDOR_ATTR_LINK_ID, 255);
-        nla_put_u32(m, WIFI_VENDOR_ATTR_ROOM, room);
-        if (!data.empty()) nla_put(m, WIFI_VENDOR_ATTR_DATA, static_cast<int>(data.size()), data.data());
-        nla_nest_end(m, nested);
-        const auto *first = static_cast<const uint8_t *>(nlmsg_data(nlmsg_hdr(m)));
-        bytes attributes(first, first + nlmsg_datalen(nlmsg_hdr(m)));
-        nlmsg_free(m);
-        return attributes;
+        constexpr uint32_t oui = vela::settings::vendor_oui;
+        const auto size = static_cast<uint8_t>(data.size());
+        const auto nested = static_cast<uint8_t>(28 + (size ? 4 + size : 0));
+        bytes b = {8, 0, 3, 0, 1, 0, 0, 0};
+        b.insert(b.end(), {8, 0, 195, 0, oui & 0xFF, oui >> 8 & 0xFF, oui >> 16 & 0xFF, 0});
+        b.insert(b.end(), {8, 0, 196, 0, sub_command, 0, 0, 0, nested, 0, 197, 0x80});
+        b.insert(b.end(), {8, 0, 1, 0, static_cast<uint8_t>(id), static_cast<uint8_t>(id >> 8), 0, 0});
+        b.insert(b.end(), {5, 0, 2, 0, 255, 0, 0, 0, 8, 0, 3, 0, room, 0, 0, 0});
+        if (size) b.insert(b.end(), {static_cast<uint8_t>(4 + size), 0, 4, 0});
+        b.insert(b.end(), data.begin(), data.end());
+        return b;
     }
     [[nodiscard]] bytes last_attributes() const
     {
@@ -85,114 +111,109 @@ protected:
     }
 };
 
-std::vector<bytes> replies;
-
 } // namespace
+
+TEST_F(Vendor, ContextIsTriedThreeTimesAndClosedOnEveryPath)
+{
+    wrapper.failures = 2;
+    EXPECT_EQ(0, vl_cfg80211_init(&context));
+    EXPECT_THAT(wrapper.tried, ElementsAre(877, 887, 897));
+    vl_cfg80211_deinit(&context);
+    EXPECT_THAT(log.take(), IsEmpty());
+
+    uint8_t statistics[VL_ATHSTAT_SIZE] = {42};
+    int32_t value = 5;
+    wrapper.failures = 9;
+    EXPECT_EQ(-EIO, vl_cfg80211_get_wifi_param_int("lo", 1, &value));
+    EXPECT_EQ(-EIO, vl_cfg80211_send_generic_set_command("lo", 223, &value, sizeof value, 0, nullptr));
+    EXPECT_EQ(-EIO, get_athstat("lo", statistics));
+    const auto failed = [](int code) {
+        return log_line{"error", "nl80211", "vl_cfg80211_init",
+                        "unable to create NL socket after 3 tries, ret = " + std::to_string(code)};
+    };
+    EXPECT_THAT(log.take(),
+                ElementsAre(failed(-17), failed(-14), failed(-11),
+                            log_line{"debug", "libvela", "get_athstat", "unable to get ath_info, ret = -5"}));
+
+    kernel.refuse(-95), kernel.refuse(-95), kernel.refuse(-95);
+    EXPECT_EQ(-1, vl_cfg80211_get_wifi_param_int("lo", 1, &value));
+    EXPECT_EQ(-1, vl_cfg80211_send_generic_set_command("lo", 223, &value, sizeof value, 0, nullptr));
+    EXPECT_EQ(-1, get_athstat("lo", statistics));
+    EXPECT_EQ(42, statistics[0]);
+    EXPECT_THAT(log.texts(),
+                ElementsAre("couldn't send NL command, ret = -95", "send command failed, cmd = 223, ret = -95",
+                            "send command failed, cmd = 501, ret = -95", "unable to get ath_info, ret = -1"));
+
+    answer({{1, 2, 3, 4}}), answer({{7}});
+    EXPECT_EQ(0, vl_cfg80211_get_wifi_param_int("lo", 1, &value));
+    EXPECT_EQ(0x04030201, value);
+    EXPECT_EQ(0, get_athstat("lo", statistics));
+    EXPECT_EQ(7, statistics[0]);
+}
 
 TEST_F(Vendor, ParametersAreReadAndSet)
 {
     int32_t value = -7;
-    answer({0x78, 0x56, 0x34, 0x12, 0xFF}); // more than asked for
-    kernel.acknowledge();
+    answer({{0x78, 0x56, 0x34, 0x12, 0xFF}}); // more than asked for
     EXPECT_EQ(0, vl_cfg80211_get_wifi_param_int_ctx(&context, "lo", 676, &value));
     EXPECT_EQ(0x12345678, value);
     EXPECT_EQ(command(200, 676, 4, {}), last_attributes());
 
     kernel.refuse(-95);
     EXPECT_EQ(-95, vl_cfg80211_get_wifi_param_int_ctx(&context, "lo", 676, &value));
-    kernel.acknowledge();
-    EXPECT_EQ(-ENODATA, vl_cfg80211_get_wifi_param_int_ctx(&context, "lo", 676, &value)) << "no answer at all";
+    answer({{1, 2}});
+    EXPECT_EQ(-ENODATA, vl_cfg80211_get_wifi_param_int_ctx(&context, "lo", 676, &value)) << "half an answer";
     EXPECT_EQ(-ENODEV, vl_cfg80211_get_wifi_param_int_ctx(&context, "nowhere", 676, &value));
     EXPECT_EQ(0x12345678, value) << "written on success only";
 
-    kernel.acknowledge();
+    answer({});
     EXPECT_EQ(0, vl_cfg80211_send_command_no_response(&context, "lo", 386, 0x01020304));
     EXPECT_EQ(command(200, 386, 0, {4, 3, 2, 1}), last_attributes());
 }
 
 TEST_F(Vendor, GenericAnswersFillTheBufferOrGoToTheCallback)
 {
-    log_lines log;
     uint8_t buffer[8] = {1, 2, 3, 4, 5, 6, 7, 8};
-    answer({10, 11, 12, 13, 14, 15});
-    answer({16, 17, 18, 19, 20, 21});
-    kernel.acknowledge();
-    EXPECT_EQ(8, vl_cfg80211_send_generic_set_command_ctx(&context, "lo", buffer, sizeof buffer, nullptr, 476));
+    const auto generic = [&](int id, vl_cfg80211_reply_callback callback = nullptr) {
+        return vl_cfg80211_send_generic_set_command_ctx(&context, "lo", buffer, sizeof buffer, callback, id);
+    };
+    answer({{10, 11, 12, 13, 14, 15}, {16, 17, 18, 19, 20, 21}});
+    EXPECT_EQ(8, generic(476));
     EXPECT_THAT(buffer, ElementsAre(10, 11, 12, 13, 14, 15, 16, 17)) << "as far as they fit";
     EXPECT_EQ(command(74, 476, 8, {1, 2, 3, 4, 5, 6, 7, 8}), last_attributes());
-
-    kernel.acknowledge();
-    EXPECT_EQ(0, vl_cfg80211_send_generic_set_command_ctx(&context, "lo", buffer, sizeof buffer, nullptr, 476))
-        << "no station";
-    answer({1, 2});
-    kernel.acknowledge();
-    EXPECT_EQ(0, vl_cfg80211_send_generic_set_command_ctx(&context, "lo", buffer, sizeof buffer, nullptr, 223));
-
-    replies.clear();
-    const auto keep = [](wifi_cfg80211_data *reply) {
-        const auto *first = static_cast<const uint8_t *>(reply->data);
-        replies.emplace_back(first, first + reply->length);
-    };
-    answer({1, 2, 3});
     answer({});
-    kernel.reply(NL80211_CMD_VENDOR, [](nl_msg *) {});
-    kernel.end_dump();
-    EXPECT_EQ(0, vl_cfg80211_send_generic_set_command_ctx(&context, "lo", buffer, sizeof buffer, keep, 477));
-    EXPECT_THAT(replies, ElementsAre(bytes{1, 2, 3}, bytes{}, bytes{}));
+    EXPECT_EQ(0, generic(476)) << "no station";
+    answer({{1, 2}});
+    EXPECT_EQ(0, generic(223));
+
+    static std::vector<bytes> replies;
+    answer({{1, 2, 3}, {}});
+    EXPECT_EQ(0, generic(477, [](wifi_cfg80211_data *reply) {
+                  const auto *first = static_cast<const uint8_t *>(reply->data);
+                  replies.emplace_back(first, first + reply->length);
+              }));
+    EXPECT_THAT(replies, ElementsAre(bytes{1, 2, 3}, bytes{}));
 
     EXPECT_THAT(log.texts(), IsEmpty());
     kernel.refuse(-22);
-    EXPECT_EQ(-1, vl_cfg80211_send_generic_set_command_ctx(&context, "lo", buffer, sizeof buffer, nullptr, 476));
+    EXPECT_EQ(-1, generic(476));
     EXPECT_THAT(log.take(), ElementsAre(log_line{"debug", "nl80211", "vl_cfg80211_send_generic_set_command_ctx",
                                                  "send command ctx failed, cmd = 476, ret = -22"}));
-}
-
-TEST(VendorContext, FailsAfterThreeTriesAndLeavesNothing)
-{
-    // Taken ports fail the same whether or not the kernel knows nl80211.
-    std::vector<int> taken;
-    for (const uint32_t port : {877, 888, 897}) {
-        sockaddr_nl address = {};
-        address.nl_family = AF_NETLINK;
-        address.nl_pid = port;
-        taken.push_back(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_GENERIC));
-        ASSERT_EQ(0, bind(taken.back(), reinterpret_cast<const sockaddr *>(&address), sizeof address));
-    }
-    log_lines log;
-    const leak_check leaks;
-    vl_cfg80211_context context;
-    EXPECT_EQ(-EIO, vl_cfg80211_init(&context));
-    EXPECT_THAT(log.texts(), ElementsAre("unable to create NL socket after 3 tries, ret = -6"));
-    int32_t value = 5;
-    EXPECT_EQ(-EIO, vl_cfg80211_get_wifi_param_int("lo", 1, &value));
-    EXPECT_EQ(-EIO, vl_cfg80211_send_generic_set_command("lo", 223, &value, sizeof value, 0, nullptr));
-    log.take();
-    uint8_t statistics[VL_ATHSTAT_SIZE] = {42};
-    EXPECT_EQ(-EIO, get_athstat("lo", statistics));
-    EXPECT_EQ(42, statistics[0]);
-    EXPECT_THAT(log.take(),
-                testing::Contains(log_line{"debug", "libvela", "get_athstat", "unable to get ath_info, ret = -5"}));
-    leaks.expect_unchanged();
-    for (const int fd : taken) close(fd);
 }
 
 TEST(PrivateIoctl, DataGoesInsideTheFirstTwoRequests)
 {
     uint8_t data[20];
     for (uint8_t n = 0; n < sizeof data; ++n) data[n] = static_cast<uint8_t>(100 + n);
-    const auto *const inside = reinterpret_cast<const uint8_t *>(&driver.seen.u);
-    const auto sent = [&] { return bytes(inside, inside + 16); };
-
+    const auto &sent = reinterpret_cast<const uint8_t(&)[16]>(driver.seen.u);
     EXPECT_EQ(0, set80211priv(9, "wlan0-and-too-long", 0x8BE0, 0x04030201, 77, data, 12));
     EXPECT_STREQ("wlan0-and-too-l", driver.seen.ifr_name);
     EXPECT_EQ(0x8BE0U, driver.request);
-    EXPECT_THAT(sent(), ElementsAre(1, 2, 3, 4, 100, 101, 102, 103, 104, 105, 106, 107, 108, 109, 110, 111));
-    EXPECT_EQ(0, set80211priv(9, "wlan0", 0x8BE0, 1, 0, data, 3));
-    EXPECT_THAT(sent(), ElementsAre(1, 0, 0, 0, 100, 101, 102, 0, 0, 0, 0, 0, 0, 0, 0, 0));
+    EXPECT_THAT(sent, ElementsAre(1, 2, 3, 4, 100, 101, 102, 103, 104, 105, 106, 107, 108, 109, 110, 111));
     EXPECT_EQ(0, set80211priv(9, "wlan0", 0x8BE1, 1, 0, data, 20)) << "cut";
-    EXPECT_EQ(111, sent()[15]);
+    EXPECT_EQ(111, sent[15]);
     EXPECT_EQ(0, set80211priv(9, "wlan0", 0x8BE0, 1, 0, nullptr, 12));
-    EXPECT_EQ(0, sent()[4]);
+    EXPECT_THAT(sent, ElementsAre(1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0));
 
     const int calls = driver.calls;
     EXPECT_EQ(-1, set80211priv(9, "wlan0", 0x8BE0, 1, 0, data, 13));
@@ -207,7 +228,6 @@ TEST(PrivateIoctl, AnswersComeFromTheUnionOrTheirLength)
     uint8_t data[16] = {};
     EXPECT_EQ(16, get80211priv(9, "wlan0", 0x8BE1, 5, 0, data, 16));
     EXPECT_EQ(0, memcmp(data, driver.answer, 16));
-    EXPECT_EQ(0, get80211priv(9, "wlan0", 0x8BE1, 5, 0, data, 0));
 
     iwreq answer = {};
     answer.u.data.length = 40000;

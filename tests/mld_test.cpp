@@ -2,6 +2,7 @@
 #include "tests/support/faults.h"
 #include "tests/support/leaks.h"
 #include "tests/support/log_lines.h"
+#include "tests/support/table.h"
 
 #include <gmock/gmock.h>
 #include <vela/wireless/mld.h>
@@ -21,24 +22,21 @@ TEST(Mld, InterfacesGoUp)
     EXPECT_EQ(0, vela_if_set_up("ath0"));
     EXPECT_EQ(1, vela_if_is_up("ath0"));
     EXPECT_EQ(0, vela_if_set_up("ath0")) << "up already";
-    for (const char *name : {"", "missing", "a-name-longer-than-any-interface"}) {
-        EXPECT_EQ(0, vela_if_is_up(name)) << name;
-        EXPECT_EQ(-1, vela_if_set_up(name)) << name;
+    for (const char *name : {"", "missing", "a-name-longer-than-any-interface", static_cast<const char *>(nullptr)}) {
+        EXPECT_EQ(0, vela_if_is_up(name)) << (name ? name : "null");
+        EXPECT_EQ(-1, vela_if_set_up(name)) << (name ? name : "null");
     }
-    EXPECT_EQ(-1, vela_if_set_up(nullptr));
-    {
-        const faults::refuse none(faults::call::socket, EMFILE);
-        EXPECT_EQ(0, vela_if_is_up("ath0"));
-        EXPECT_EQ(-1, vela_if_set_up("ath0"));
-    }
+    const faults::refuse none(faults::call::socket, EMFILE);
+    EXPECT_EQ(0, vela_if_is_up("ath0"));
+    EXPECT_EQ(-1, vela_if_set_up("ath0"));
     leaks.expect_unchanged();
 }
 
 TEST(Mld, IndexHasThreeDigits)
 {
-    log_lines log;
     must_run("ip link add ath0 index 1234 type veth peer name far");
     EXPECT_EQ(123, vela_get_ifindex("ath0"));
+    log_lines log;
     EXPECT_EQ(0, vela_get_ifindex("missing"));
     EXPECT_THAT(log.texts(), ElementsAre("NULL pointer for default value"));
 }
@@ -48,21 +46,18 @@ TEST(Mld, LinksKnowTheirMultiLinkDevice)
 {
     log_lines log;
     must_run("ip link add ath0 type veth peer name far && ip link add link ath0 name mld10 type macvlan");
-    constexpr struct {
-        size_t size;
-        const char *name;
-    } cases[] = {{6, "mld10"}, {4, "mld"}, {1, ""}};
-    for (const auto &c : cases) {
+    for (const auto &[ifname, size, result, expected] :
+         table<const char *, size_t, int, const char *>{{"ath0", 6, 0, "mld10"},
+                                                        {"ath0", 4, 0, "mld"},
+                                                        {"ath0", 1, 0, ""},
+                                                        {"ath0", 0, 0, "old"},
+                                                        {"far", 6, -1, ""}}) {
         char name[16] = "old";
-        EXPECT_EQ(0, get_iface_upper_mld_ifname("ath0", name, c.size));
-        EXPECT_STREQ(c.name, name) << "size " << c.size;
+        EXPECT_EQ(result, get_iface_upper_mld_ifname(ifname, name, size)) << ifname << size;
+        EXPECT_STREQ(expected, name) << ifname << " size " << size;
     }
-    char name[16] = "old";
-    EXPECT_EQ(0, get_iface_upper_mld_ifname("ath0", name, 0));
-    EXPECT_STREQ("old", name);
-    EXPECT_EQ(-1, get_iface_upper_mld_ifname("far", name, sizeof name));
-    EXPECT_STREQ("", name);
     EXPECT_TRUE(log.take().empty());
+    char name[16];
     EXPECT_EQ(-1, get_iface_upper_mld_ifname("missing", name, sizeof name));
     EXPECT_THAT(log.take(),
                 ElementsAre(log_line{"error", "wireless", "get_iface_upper_mld_ifname",
@@ -72,17 +67,16 @@ TEST(Mld, LinksKnowTheirMultiLinkDevice)
 TEST(Mld, VlanComesFromTheBridgesName)
 {
     log_lines log;
-    must_run("ip link add br0.20 type bridge; ip link add br0 type bridge; ip link add lan.3 type bridge;"
-             "for i in 1 2 3 4; do ip link add a$i type veth peer name b$i; done;"
-             "ip link set a1 master br0.20; ip link set a2 master br0; ip link set a3 master lan.3");
-    EXPECT_EQ(20, get_mld_vlan_id("a1"));
-    EXPECT_EQ(1, get_mld_vlan_id("a2"));
-    EXPECT_EQ(1, get_mld_vlan_id("a3"));
+    must_run("ip link add ath0 type veth peer name far");
+    for (const auto &[bridge, vlan] : table<std::string, int>{{"br0.20", 20}, {"br0", 1}, {"lan.3", 1}}) {
+        must_run(("ip link add " + bridge + " type bridge && ip link set ath0 master " + bridge).c_str());
+        EXPECT_EQ(vlan, get_mld_vlan_id("ath0")) << bridge;
+    }
     EXPECT_TRUE(log.take().empty());
-    EXPECT_EQ(-1, get_mld_vlan_id("a4"));
+    EXPECT_EQ(-1, get_mld_vlan_id("far"));
     EXPECT_THAT(log.take(),
                 ElementsAre(log_line{"error", "wireless", "get_mld_vlan_id",
-                                     "unable to readlink '/sys/class/net/a4/master': No such file or directory"}));
+                                     "unable to readlink '/sys/class/net/far/master': No such file or directory"}));
 }
 
 TEST(Mld, ConfiguredDeviceIsThatOfTheHighestIndex)
@@ -101,15 +95,14 @@ TEST(Mld, ConfiguredDeviceIsThatOfTheHighestIndex)
 TEST(Mld, SeenDevicesAreRememberedUpToSixteen)
 {
     for (int round = 0; round < 2; ++round) {
-        for (int i = 0; i < 16; ++i) {
+        for (int i = 0; i < 18; ++i) {
             const std::string name = "mld" + std::to_string(i);
-            EXPECT_EQ(1, add_if_mld_unique(name.c_str()));
-            EXPECT_EQ(0, add_if_mld_unique(name.c_str()));
+            EXPECT_EQ(1, add_if_mld_unique(name.c_str())) << name;
+            EXPECT_EQ(i < 16 ? 0 : 1, add_if_mld_unique(name.c_str())) << name;
         }
-        EXPECT_EQ(1, add_if_mld_unique("mld16"));
-        EXPECT_EQ(1, add_if_mld_unique("mld16")) << "not stored";
         reset_seen_mlds();
     }
+    EXPECT_EQ(0, add_if_mld_unique(nullptr));
     if (!faults::can_refuse_memory) return;
     const faults::refuse_memory next;
     EXPECT_EQ(0, add_if_mld_unique("mld0"));

@@ -91,30 +91,26 @@ std::string found(const std::string &text, const char *pattern)
     return std::regex_search(text, match, std::regex(pattern)) ? match[1].str() : "";
 }
 
-std::string mac_text(const uint8_t *mac)
+/// A reply handler: counts them.
+int count(nl_msg *, void *replies)
 {
-    char text[18];
-    snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
-    return text;
+    ++*static_cast<int *>(replies);
+    return NL_SKIP;
 }
 
 } // namespace
 
 TEST_F(Nl80211, EndsAsItBegan)
 {
+    EXPECT_EQ(1, site::run("ls -l /proc/self/fd | grep -q socket")) << "no socket reaches a command";
     vl_nl80211_service_deinit(&service);
     const leak_check leaks;
-    for (int n = 0; n < 3; ++n) {
-        EXPECT_EQ(0, vl_nl80211_service_init(&service, base));
-        EXPECT_EQ(0, vl_nl80211_register_command_callback(&service, NL80211_CMD_NEW_SCAN_RESULTS, first));
-        vl_nl80211_service_deinit(&service);
-        const vl_nl80211_service clear = {};
-        EXPECT_EQ(0, memcmp(&clear, &service, sizeof clear));
-    }
+    EXPECT_EQ(0, vl_nl80211_service_init(&service, base));
+    EXPECT_EQ(0, vl_nl80211_register_command_callback(&service, NL80211_CMD_NEW_SCAN_RESULTS, first));
+    vl_nl80211_service_deinit(&service);
+    const vl_nl80211_service clear = {};
+    EXPECT_EQ(0, memcmp(&clear, &service, sizeof clear));
     leaks.expect_unchanged();
-
-    ASSERT_EQ(0, vl_nl80211_service_init(&service, base));
-    EXPECT_EQ(1, site::run("ls -l /proc/self/fd | grep -q socket")) << "no socket reaches a command";
 }
 
 TEST_F(Nl80211, InformationAgreesWithIw)
@@ -129,12 +125,13 @@ TEST_F(Nl80211, InformationAgreesWithIw)
                                              .more = "ieee80211n=1\nieee80211ac=1\nht_capab=[HT40+]\n"
                                                      "vht_oper_chwidth=1\nvht_oper_centr_freq_seg0_idx=42\n"});
     ASSERT_EQ(0, vl_nl80211_interface_info(&service, "wlan0", &wiphy, mac, &freq, &width, &power));
+    char ours[128];
+    snprintf(ours, sizeof ours, "wiphy %u addr %02x:%02x:%02x:%02x:%02x:%02x %u MHz, 80 is %u", wiphy, mac[0], mac[1],
+             mac[2], mac[3], mac[4], mac[5], freq, width);
     const std::string info = machine::iw("dev wlan0 info");
-    EXPECT_EQ(found(info, "wiphy (\\d+)"), std::to_string(wiphy)) << info;
-    EXPECT_EQ(found(info, "addr (\\S+)"), mac_text(mac)) << info;
-    EXPECT_EQ(found(info, "channel \\d+ \\((\\d+) MHz"), std::to_string(freq)) << info;
-    EXPECT_EQ(found(info, "width: (\\d+) MHz"), std::to_string(width)) << info;
-    EXPECT_EQ(80U, width);
+    EXPECT_EQ("wiphy " + found(info, "wiphy (\\d+)") + " addr " + found(info, "addr (\\S+)") + " " +
+                  found(info, "channel \\d+ \\((\\d+) MHz") + " MHz, 80 is " + found(info, "width: (\\d+) MHz"),
+              ours);
 
     ASSERT_EQ(0, vl_nl80211_interface_set_power(&service, "wlan0", 1100));
     ASSERT_EQ(0, vl_nl80211_interface_power(&service, "wlan0", &power));
@@ -144,35 +141,21 @@ TEST_F(Nl80211, InformationAgreesWithIw)
 
 TEST_F(Nl80211, KernelErrorsPassThrough)
 {
-    log_lines log;
-    uint32_t wiphy = 0x5A;
-    EXPECT_EQ(-ENODEV, vl_nl80211_interface_info(&service, "lo", &wiphy, nullptr, nullptr, nullptr, nullptr));
-    EXPECT_EQ(0x5AU, wiphy);
-    char out[16];
-    EXPECT_EQ(nullptr, vl_nl80211_parent_interface(&service, "lo", out));
-    EXPECT_THAT(log.take(), Contains(log_line{"error", "nl80211", "vl_nl80211_parent_interface",
-                                              "couldn't obtain interface PHY index, ret = -19"}));
+    EXPECT_EQ(-ENODEV, vl_nl80211_interface_info(&service, "lo", nullptr, nullptr, nullptr, nullptr, nullptr));
 
     // The stand-alone exchange, on the service's command socket: its holder's first member is the socket.
     struct nl_sock *holder = service.cmd_sock;
     nl_msg *message = nlmsg_alloc();
     genlmsg_put(message, 0, 0, service.family, 0, 0, NL80211_CMD_TRIGGER_SCAN, 0);
     EXPECT_EQ(-EINVAL, vl_nl80211_send(&holder, message, nullptr, nullptr));
-    uint32_t replies = 0;
-    EXPECT_EQ(0, vl_nl80211_send(
-                     &holder, vl_nl80211_create_message(&service, "wlan0", NL80211_CMD_GET_INTERFACE, 0),
-                     [](nl_msg *, void *count) {
-                         ++*static_cast<uint32_t *>(count);
-                         return static_cast<int>(NL_SKIP);
-                     },
-                     &replies));
-    EXPECT_EQ(1U, replies);
+    const auto question = [&] { return vl_nl80211_create_message(&service, "wlan0", NL80211_CMD_GET_INTERFACE, 0); };
+    int replies = 0;
+    EXPECT_EQ(0, vl_nl80211_send(&holder, question(), count, &replies));
+    EXPECT_EQ(1, replies);
 
     // A reply nobody asked to see is no event.
     vl_nl80211_register_command_callback(&service, NL80211_CMD_NEW_INTERFACE, first);
-    EXPECT_EQ(0,
-              vl_nl80211_send_recv(&service, vl_nl80211_create_message(&service, "wlan0", NL80211_CMD_GET_INTERFACE, 0),
-                                   nullptr, nullptr));
+    EXPECT_EQ(0, vl_nl80211_send_recv(&service, question(), nullptr, nullptr));
     EXPECT_THAT(seen.calls, IsEmpty());
 }
 
@@ -249,47 +232,51 @@ TEST_F(Nl80211, HandlerMayEndTheService)
     EXPECT_EQ(0, service.family);
 }
 
-TEST_F(Nl80211, LostEventsAreReportedAndTheRestArrives)
+TEST_F(Nl80211, LostAndUnfinishedEventsDoNotStopTheLoop)
 {
     log_lines log;
+    const int fd = nl_socket_get_fd(service.event_sock);
     const int small = 1;
-    setsockopt(nl_socket_get_fd(service.event_sock), SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
     vl_nl80211_register_command_callback(&service, NL80211_CMD_NEW_WIPHY, first);
     for (int n = 0; n < 20; ++n) cause_event();
     loop_until([&] { return !seen.calls.empty(); });
     EXPECT_THAT(log.take(),
                 Contains(log_line{"error", "nl80211", "vl_nl80211_loop_event",
                                   "an error occurred while receiving messages: " + std::string(nl_geterror(-5))}));
+
+    // A part of what never comes to its end, from someone privileged; then there is nothing to read.
+    sockaddr_nl events = {};
+    socklen_t length = sizeof events;
+    ASSERT_EQ(0, getsockname(fd, reinterpret_cast<sockaddr *>(&events), &length));
+    events.nl_groups = 0;
+    const nlmsghdr part = {sizeof part, NLMSG_NOOP, NLM_F_MULTI, 0, 0};
+    const int sender = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_GENERIC);
+    EXPECT_EQ(ssize_t{sizeof part},
+              sendto(sender, &part, sizeof part, 0, reinterpret_cast<const sockaddr *>(&events), length));
+    close(sender);
+    vl_nl80211_loop_event(0, 0, &service);
+    vl_nl80211_loop_event(0, 0, &service);
+    EXPECT_THAT(log.texts(), Not(Contains(testing::HasSubstr("an error occurred"))));
+
     seen.calls.clear();
     cause_event();
     EXPECT_TRUE(loop_until([] { return !seen.calls.empty(); }));
-
-    vl_nl80211_loop_event(0, 0, &service); // with nothing to read it comes back
-    EXPECT_THAT(log.texts(), Not(Contains(testing::HasSubstr("an error occurred"))));
 }
 
 TEST_F(Nl80211, DumpUnderChurnEndsOneWayOrTheOther)
 {
     std::atomic changes = 0;
     std::thread churn([&] {
-        for (; changes < 10; ++changes) site::run("iw dev wlan3 interface add churn type managed; iw dev churn del");
+        for (; changes < 5; ++changes) site::run("iw dev wlan3 interface add churn type managed; iw dev churn del");
     });
     int whole = 0;
-    while (changes < 10) {
-        nl_msg *request = vl_nl80211_create_message(&service, "wlan0", NL80211_CMD_GET_INTERFACE, NLM_F_DUMP);
+    while (changes < 5) {
         int interfaces = 0;
-        const int status = vl_nl80211_send_recv(
-            &service, request,
-            [](nl_msg *, void *count) {
-                ++*static_cast<int *>(count);
-                return static_cast<int>(NL_SKIP);
-            },
-            &interfaces);
-        EXPECT_TRUE(status == 0 || status == -EAGAIN) << status;
-        if (status == 0) {
-            ++whole;
-            EXPECT_GE(interfaces, 1);
-        }
+        nl_msg *request = vl_nl80211_create_message(&service, "wlan0", NL80211_CMD_GET_INTERFACE, NLM_F_DUMP);
+        const int status = vl_nl80211_send_recv(&service, request, count, &interfaces);
+        EXPECT_TRUE((status == 0 && interfaces >= 1) || status == -EAGAIN) << status;
+        whole += status == 0;
     }
     churn.join();
     EXPECT_GT(whole, 0);
@@ -300,7 +287,5 @@ TEST_F(Nl80211, RadiosMayGoAwayAndComeBack)
     vl_nl80211_register_command_callback(&service, NL80211_CMD_DEL_WIPHY, first);
     machine::fresh_radios();
     EXPECT_TRUE(loop_until([] { return seen.calls.size() >= 4; }));
-    uint32_t wiphy = 0;
-    EXPECT_EQ(0, vl_nl80211_interface_info(&service, "wlan0", &wiphy, nullptr, nullptr, nullptr, nullptr));
-    EXPECT_EQ(found(machine::iw("dev wlan0 info"), "wiphy (\\d+)"), std::to_string(wiphy));
+    EXPECT_EQ(0, vl_nl80211_interface_info(&service, "wlan0", nullptr, nullptr, nullptr, nullptr, nullptr));
 }
