@@ -25,14 +25,6 @@ struct {
     uint8_t answer[16];
 } driver = {};
 
-// The wrapper's opening and closing, in place of its own: on a kernel of the test's.
-struct {
-    nl_sock *socket;
-    int failures; ///< the next ones
-    std::vector<uint32_t> tried;
-    int open = 0;
-} wrapper;
-
 } // namespace
 
 extern "C" int ioctl(int, unsigned long request, ...) noexcept
@@ -48,22 +40,6 @@ extern "C" int ioctl(int, unsigned long request, ...) noexcept
     return driver.result;
 }
 
-int wifi_init_nl80211_largebuf(wifi_cfg80211_context *context, int large)
-{
-    EXPECT_EQ(1, large);
-    EXPECT_EQ(nullptr, context->cmd_sock);
-    EXPECT_EQ(context->cmd_sock_id + 1, context->event_sock_id);
-    context->event_callback(context, 0, nullptr, 0);
-    wrapper.tried.push_back(context->cmd_sock_id);
-    if (wrapper.failures > 0) return -10 - wrapper.failures--;
-    context->cmd_sock = wrapper.socket;
-    context->family = fake_netlink::family();
-    ++wrapper.open;
-    return 0;
-}
-
-void wifi_destroy_nl80211(wifi_cfg80211_context *) { --wrapper.open; }
-
 namespace
 {
 
@@ -74,8 +50,7 @@ protected:
     vl_cfg80211_context context = {kernel.socket(), nullptr, 0, 0, fake_netlink::family(), nullptr};
     log_lines log;
 
-    Vendor() { wrapper = {kernel.socket(), 0, {}}; }
-    ~Vendor() override { EXPECT_EQ(0, wrapper.open) << "contexts left open"; }
+    ~Vendor() override { EXPECT_EQ(0, kernel.open_contexts) << "contexts left open"; }
 
     /// The next command is answered with these replies.
     void answer(const std::vector<bytes> &replies)
@@ -115,15 +90,17 @@ protected:
 
 TEST_F(Vendor, ContextIsTriedThreeTimesAndClosedOnEveryPath)
 {
-    wrapper.failures = 2;
+    kernel.refused_openings = 2;
     EXPECT_EQ(0, vl_cfg80211_init(&context));
-    EXPECT_THAT(wrapper.tried, ElementsAre(877, 887, 897));
+    EXPECT_THAT(kernel.tried, ElementsAre(877, 887, 897));
+    EXPECT_EQ(898U, context.event_sock_id);
+    context.event_callback(&context, 0, nullptr, 0);
     vl_cfg80211_deinit(&context);
     EXPECT_THAT(log.take(), IsEmpty());
 
     uint8_t statistics[VL_ATHSTAT_SIZE] = {42};
     int32_t value = 5;
-    wrapper.failures = 9;
+    kernel.refused_openings = 9;
     EXPECT_EQ(-EIO, vl_cfg80211_get_wifi_param_int("lo", 1, &value));
     EXPECT_EQ(-EIO, vl_cfg80211_send_generic_set_command("lo", 223, &value, sizeof value, 0, nullptr));
     EXPECT_EQ(-EIO, get_athstat("lo", statistics));

@@ -164,50 +164,42 @@ TEST_F(Nl80211, RequestIsAddressedByInterfaceIndex)
 TEST_F(Nl80211, InterfaceInformationTakesWholeAttributesOnly)
 {
     constexpr uint32_t none = 0xFFFFFFFF;
-    constexpr uint8_t address[] = {2, 4, 6, 8, 10, 12, 14};
-    using numbers = std::array<uint32_t, 4>; // wiphy, frequency, width, power
+    constexpr uint64_t address = 0x0E0C0A080604;
     const struct {
-        std::function<void(nl_msg *)> attributes;
-        numbers expected;
-        bool has_mac;
+        std::vector<std::tuple<int, int, uint64_t>> attributes; // number, size, value
+        std::array<uint32_t, 4> expected;                       // wiphy, frequency, width, power
+        uint64_t mac;
     } cases[] = {
-        {[](nl_msg *) {}, {none, none, none, none}, false},
-        {[&](nl_msg *m) {
-             nla_put_u32(m, NL80211_ATTR_WIPHY, 3);
-             nla_put(m, NL80211_ATTR_MAC, 6, address);
-             nla_put_u32(m, NL80211_ATTR_WIPHY_FREQ, 5955);
-             nla_put_u32(m, NL80211_ATTR_CHANNEL_WIDTH, NL80211_CHAN_WIDTH_80P80);
-             nla_put_u32(m, NL80211_ATTR_WIPHY_TX_POWER_LEVEL, 2000);
-             nla_put_u32(m, 400, 1); // beyond the table
-         },
+        {{}, {none, none, none, none}, 0},
+        {{{NL80211_ATTR_WIPHY, 4, 3},
+          {NL80211_ATTR_MAC, 6, address},
+          {NL80211_ATTR_WIPHY_FREQ, 4, 5955},
+          {NL80211_ATTR_CHANNEL_WIDTH, 4, NL80211_CHAN_WIDTH_80P80},
+          {NL80211_ATTR_WIPHY_TX_POWER_LEVEL, 4, 2000},
+          {400, 4, 1}}, // beyond the table
          {3, 5955, 160, 2000},
-         true},
-        {[&](nl_msg *m) {
-             nla_put_u16(m, NL80211_ATTR_WIPHY, 3);
-             nla_put(m, NL80211_ATTR_MAC, 5, address);
-             nla_put(m, NL80211_ATTR_WIPHY_FREQ, 0, address);
-             nla_put_u8(m, NL80211_ATTR_CHANNEL_WIDTH, 1);
-         },
+         address},
+        {{{NL80211_ATTR_WIPHY, 2, 3},
+          {NL80211_ATTR_MAC, 5, address},
+          {NL80211_ATTR_WIPHY_FREQ, 0, 0},
+          {NL80211_ATTR_CHANNEL_WIDTH, 1, 1}},
          {none, none, none, none},
-         false},
-        {[&](nl_msg *m) {
-             nla_put(m, NL80211_ATTR_MAC, 7, address);
-             nla_put_u64(m, NL80211_ATTR_WIPHY, 9);
-             nla_put_u32(m, NL80211_ATTR_CHANNEL_WIDTH, 14); // not yet known
-         },
+         0},
+        {{{NL80211_ATTR_MAC, 7, address}, {NL80211_ATTR_WIPHY, 8, 9}, {NL80211_ATTR_CHANNEL_WIDTH, 4, 14}},
          {9, none, 0, none},
-         true},
+         address},
     };
     for (const auto &c : cases) {
         const auto nth = &c - cases;
-        kernel.reply(NL80211_CMD_NEW_INTERFACE, c.attributes);
+        kernel.reply(NL80211_CMD_NEW_INTERFACE, [&](nl_msg *m) {
+            for (const auto &[number, size, value] : c.attributes) nla_put(m, number, size, &value);
+        });
         kernel.acknowledge();
-        numbers n = {};
-        uint8_t mac[6] = {1};
+        std::array<uint32_t, 4> n = {};
+        uint8_t mac[8] = {1};
         EXPECT_EQ(0, vl_nl80211_interface_info(&service, "lo", &n[0], mac, &n[1], &n[2], &n[3])) << nth;
         EXPECT_EQ(c.expected, n) << nth;
-        const uint8_t zero[6] = {};
-        EXPECT_EQ(0, memcmp(mac, c.has_mac ? address : zero, 6)) << nth;
+        EXPECT_EQ(0, memcmp(mac, &c.mac, sizeof mac)) << nth;
     }
 }
 

@@ -20,25 +20,6 @@ namespace
 
 using bytes = std::vector<uint8_t>;
 
-// What vendor contexts are opened on, in place of a socket of their own; null: they cannot be.
-nl_sock *kernel_socket = nullptr;
-int contexts = 0;
-
-} // namespace
-
-int wifi_init_nl80211_largebuf(wifi_cfg80211_context *context, int)
-{
-    context->cmd_sock = kernel_socket;
-    context->family = fake_netlink::family();
-    contexts += kernel_socket != nullptr;
-    return kernel_socket ? 0 : -6;
-}
-
-void wifi_destroy_nl80211(wifi_cfg80211_context *) { --contexts; }
-
-namespace
-{
-
 /// Access points as the kernel tells of them, through the wrapper, into a list.
 class Scan : public testing::Test
 {
@@ -47,11 +28,10 @@ protected:
     log_lines log;
     scan_list *list = nullptr;
 
-    Scan() { kernel_socket = kernel.socket(); }
     ~Scan() override
     {
         free_scanlist(list);
-        EXPECT_EQ(0, contexts) << "left open";
+        EXPECT_EQ(0, kernel.open_contexts) << "contexts left open";
     }
     void hear(const std::function<void(nl_msg *)> &attributes, int address_size = 6, uint32_t mhz = 58320)
     {
@@ -228,7 +208,7 @@ TEST_F(Scan, WalkShowsEveryElementThatBegins)
 TEST_F(Scan, FailuresLeaveNothingBehind)
 {
     const leak_check leaks;
-    kernel_socket = nullptr;
+    kernel.refused_openings = 99;
     EXPECT_THAT(collect(), IsEmpty());
     EXPECT_EQ(-EIO, parse_scan_results("lo", add_scan_entry, list));
     EXPECT_EQ(-EIO, vela_scan_request("lo", nullptr));

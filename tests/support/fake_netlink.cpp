@@ -5,6 +5,7 @@
 #include <linux/netlink.h>
 #include <memory>
 #include <netlink/socket.h>
+#include <vela/platform/wifi/wifi_nl80211.h>
 
 namespace
 {
@@ -21,6 +22,19 @@ fake_netlink::bytes bytes_of(nl_msg *message)
 }
 
 } // namespace
+
+// In place of the library's own.
+int wifi_init_nl80211_largebuf(wifi_cfg80211_context *context, int)
+{
+    current->tried.push_back(context->cmd_sock_id);
+    if (current->refused_openings > 0) return -10 - current->refused_openings--;
+    context->cmd_sock = current->socket();
+    context->family = fake_netlink::family();
+    ++current->open_contexts;
+    return 0;
+}
+
+void wifi_destroy_nl80211(wifi_cfg80211_context *) { --current->open_contexts; }
 
 fake_netlink::fake_netlink() : callbacks_{nl_cb_alloc(NL_CB_DEFAULT)}
 {

@@ -34,6 +34,11 @@ public:
     void raw(bytes datagram);
     void fail_receive(int code); ///< a libnl code, negated
 
+    // Vendor contexts open on its socket, while it lives.
+    int refused_openings = 0;    ///< so many of the next
+    std::vector<uint32_t> tried; ///< the command socket's numbers, in turn
+    int open_contexts = 0;
+
     int send_result = 1;     ///< what sending gives
     std::vector<bytes> sent; ///< the requests so far
     [[nodiscard]] bool all_read() const { return receives_.empty(); }
