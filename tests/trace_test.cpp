@@ -5,27 +5,19 @@
 #include "tests/support/leaks.h"
 #include "tests/support/log_lines.h"
 
-#include <dlfcn.h>
 #include <gmock/gmock.h>
-#include <regex>
 #include <sys/time.h>
-#include <vela/board/board.h>
 #include <vela/settings.h>
 #include <vela/telemetry/trace.h>
 
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::MatchesRegex;
 
 namespace
 {
 
 int64_t clock_offset_ms = 0; ///< added to the wall clock, the library's too
-
-std::string compact(const json_t *value)
-{
-    const std::unique_ptr<char, decltype(&free)> text{json_dumps(value, JSON_COMPACT), free};
-    return text.get();
-}
 
 json_t *parsed(const std::string &text) { return json_loads(text.c_str(), JSON_DECODE_ANY, nullptr); }
 
@@ -57,11 +49,11 @@ protected:
 
 extern "C" int gettimeofday(timeval *now, void *)
 {
-    static auto *const real = reinterpret_cast<int (*)(timeval *, void *)>(dlsym(RTLD_NEXT, "gettimeofday"));
-    const int result = real(now, nullptr);
-    const int64_t ms = now->tv_sec * 1000 + now->tv_usec / 1000 + clock_offset_ms;
+    timespec real = {};
+    clock_gettime(CLOCK_REALTIME, &real);
+    const int64_t ms = real.tv_sec * 1000 + real.tv_nsec / 1'000'000 + clock_offset_ms;
     *now = {ms / 1000, ms % 1000 * 1000};
-    return result;
+    return 0;
 }
 
 TEST_F(Trace, SettersBuildATraceAndTakeTheReferenceAlways)
@@ -73,9 +65,10 @@ TEST_F(Trace, SettersBuildATraceAndTakeTheReferenceAlways)
     EXPECT_EQ(0, trace_object_set_source_new(trace, json_object()));
     EXPECT_EQ(0, trace_object_set_meta_new(trace, json_incref(shared)));
     EXPECT_EQ(0, trace_object_set_payload_new(trace, parsed(R"({"a":[1,"ü"]})")));
-    EXPECT_EQ(R"({"timestamp":-5,"type":"t","namespace":"n","source":{},"meta":{"a":"b"},"payload":)"
-              R"({"contentType":"application/json","data":"{\"a\":[1,\"ü\"]}"}})",
-              compact(trace));
+    json_t *expected = parsed(R"({"timestamp":-5,"type":"t","namespace":"n","source":{},"meta":{"a":"b"},"payload":)"
+                              R"({"contentType":"application/json","data":"{\"a\":[1,\"ü\"]}"}})");
+    EXPECT_TRUE(json_equal(expected, trace));
+    json_decref(expected);
     EXPECT_EQ(-1, trace_object_set_type_new(trace, json_incref(shared)));
     EXPECT_EQ(-1, trace_object_set_source_new(nullptr, json_incref(shared)));
     EXPECT_EQ(-1, trace_object_set_payload_new(trace, nullptr));
@@ -94,27 +87,24 @@ TEST_F(Trace, SettersBuildATraceAndTakeTheReferenceAlways)
 
 TEST_F(Trace, EnvelopeCarriesTheDeviceAndTheCallersMeta)
 {
-    const site::device_facts facts;
-    auto body = std::regex_replace(arrives(), std::regex(R"re("timestamp":\d{13},)re"), R"("timestamp":1,)"); // ms
-    EXPECT_EQ(R"({"meta":{"timestamp":1,"type":"event","meta":{"model":")" + std::string(board_identify()->model_name) +
-                  R"(","version":"7.2.4.1863","sysid":)" + std::to_string(facts.sysid) +
-                  R"(,"board_rev":"11","manufacturer_id":"12033","controller.version":"9.4.19","is_default":"false",)"
-                  R"("is_internal":"true","mfg_week":"2531","anonymous_controller_id":")" +
-                  facts.controller_id + R"(","anonymous_site_id":")" + facts.site_id + R"(","anonymous_device_id":")" +
-                  facts.anonid + R"("},"source":{}},"traces":[{"type":"t"}]})",
-              body);
+    EXPECT_THAT(
+        arrives(),
+        MatchesRegex(
+            R"(\{"meta":\{"timestamp":[0-9]{13},"type":"event","meta":\{"model":"[^"]+","version":"7.2.4.1863",)"
+            R"("sysid":42630,"board_rev":"11","manufacturer_id":"12033","controller.version":"9.4.19",)"
+            R"("is_default":"false","is_internal":"true","mfg_week":"2531","anonymous_controller_id":"[^"]+",)"
+            R"("anonymous_site_id":"[^"]+","anonymous_device_id":"[^"]+"\},"source":\{\}\},"traces":\[\{"type":"t"\}\]\})"));
 
     // What the caller gives stands in for the defaults; what is missing or of the wrong type does not.
     site::remove_file("/tmp/system.cfg");
     json_t *meta = parsed(R"({"timestamp":"then","type":"boot","meta":{"mine":"kept"},"source":["no object"]})");
     json_t *inner = json_object_get(meta, "meta");
-    body = arrives(meta);
-    EXPECT_EQ(R"({"meta":{"timestamp":"then","type":"boot","meta":)" + compact(inner) + // shared, not copied
-                  R"(,"source":{}},"traces":[{"type":"t"}]})",
-              body);
-    EXPECT_THAT(body, HasSubstr(R"("mine":"kept","model":)"));
-    EXPECT_THAT(body, HasSubstr(R"("controller.version":"unknown","is_default":"false","is_internal":"false")"));
-    EXPECT_THAT(body, testing::Not(HasSubstr("site_id")));
+    EXPECT_THAT(
+        arrives(meta),
+        MatchesRegex(
+            R"(\{"meta":\{"timestamp":"then","type":"boot","meta":\{"mine":"kept","model":.*,"controller.version":"unknown",)"
+            R"("is_default":"false","is_internal":"false","mfg_week":"2531","anonymous_device_id":.*\},"source":\{\}\},.*)"));
+    EXPECT_NE(nullptr, json_object_get(inner, "model")) << "shared, not copied";
     for (const json_t *value : {meta, inner, batch}) EXPECT_EQ(1U, value->refcount);
     json_decref(meta);
 }
@@ -154,9 +144,7 @@ TEST_F(Trace, EachFailureBeyondTheFourthDoublesTheWait)
         clock_offset_ms += 1000;
         EXPECT_EQ(1, send()) << "an answer, even this one, and all is forgotten";
         EXPECT_EQ(0, send_trace_simple("space", "roam", json_pack("{s:i}", "rssi", -61)));
-        EXPECT_THAT(service.requests().at(1).body,
-                    HasSubstr(R"([{"payload":{"contentType":"application/json","data":"{\"rssi\":-61}"},"type":"roam",)"
-                              R"("namespace":"space"}])"));
+        EXPECT_THAT(service.requests().at(1).body, HasSubstr(R"(:-61}"},"type":"roam","namespace":"space"}])"));
     }
     five_failures();
     for (int64_t wait_ms = 1000; wait_ms <= 65'536'000; wait_ms *= 2) {
@@ -168,10 +156,13 @@ TEST_F(Trace, EachFailureBeyondTheFourthDoublesTheWait)
     clock_offset_ms += 365LL * 24 * 3600 * 1000;
     EXPECT_EQ(3, send()) << "for good";
     EXPECT_EQ(1U, batch->refcount);
-    const auto texts = log.texts();
-    EXPECT_EQ(1, std::count_if(texts.begin(), texts.end(), [](auto &t) { return t.ends_with("[404] no"); }));
-    const std::string told =
-        std::string("PUT '") + vela::settings::trace_url + "/traces' failed: [7] Couldn't connect to server";
-    EXPECT_EQ(1, std::count(texts.begin(), texts.end(), told)) << "told once";
+    auto lines = log.take();
+    std::erase_if(lines, [](const auto &line) { return line.function != "send_traces"; });
+    const auto failed = [](const std::string &why) {
+        return std::string("PUT '") + vela::settings::trace_url + "/traces' failed: " + why;
+    };
+    ASSERT_EQ(2U, lines.size()) << "failures are told once";
+    EXPECT_EQ(failed("[7] Couldn't connect to server"), lines[0].text);
+    EXPECT_EQ(failed("[404] no"), lines[1].text);
     leaks.expect_unchanged();
 }
