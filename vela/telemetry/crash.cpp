@@ -120,6 +120,24 @@ vela::json_ref generate_common_payload(const char *log_command, bool with_config
     return owner;
 }
 
+/// Whether the service took a request; logs what else became of it.
+bool was_accepted(const char *step, const char *method, const char *url, int result,
+                  const curl_simple_response &response)
+{
+    if (result != CURLE_OK) {
+        log_warn_as(step, "%s '%s' failed: [%d] %s", method, url, result,
+                    curl_easy_strerror(static_cast<CURLcode>(result)));
+        return false;
+    }
+    if (response.status != accepted) {
+        const auto body = body_of(response);
+        log_warn_as(step, "%s '%s' failed: [%ld] %.*s", method, url, response.status, static_cast<int>(body.size()),
+                    body.data());
+        return false;
+    }
+    return true;
+}
+
 /// Sends a report; with a place for it, the service's answer is wanted and must be JSON.
 bool post_crash(const char *url, json_t *report, vela::json_ref *answer)
 {
@@ -133,17 +151,9 @@ bool post_crash(const char *url, json_t *report, vela::json_ref *answer)
         libvela_log_json(LIBVELA_LOG_TRACE, log_module, __func__, report, "metadata request");
     }
     const int result = curl_simple_post_json(url, 0, report, response.get());
-    if (result != CURLE_OK) {
-        log_warn("POST '%s' failed: [%d] %s", url, result, curl_easy_strerror(static_cast<CURLcode>(result)));
-        return false;
-    }
-    const auto body = body_of(*response);
-    if (response->status != accepted) {
-        log_warn("POST '%s' failed: [%ld] %.*s", url, response->status, static_cast<int>(body.size()), body.data());
-        return false;
-    }
+    if (!was_accepted(__func__, "POST", url, result, *response)) return false;
     if (!answer) return true;
-    *answer = parse_answer(body);
+    *answer = parse_answer(body_of(*response));
     if (*answer && libvela_log_enabled(LIBVELA_LOG_TRACE)) {
         libvela_log_json(LIBVELA_LOG_TRACE, log_module, __func__, answer->get(), "response");
     }
@@ -217,15 +227,7 @@ bool upload_file(const char *url, const void *data, uint32_t size)
     log_info("Uploading data (%zu bytes) to pre-signed URL", size_t{size});
     const int result =
         curl_simple_put(url, 0, nullptr, static_cast<const char *>(data), static_cast<long>(size), response.get());
-    if (result != CURLE_OK) {
-        log_warn("PUT '%s' failed: [%d] %s", url, result, curl_easy_strerror(static_cast<CURLcode>(result)));
-        return false;
-    }
-    if (response->status != accepted) {
-        const auto body = body_of(*response);
-        log_warn("PUT '%s' failed: [%ld] %.*s", url, response->status, static_cast<int>(body.size()), body.data());
-        return false;
-    }
+    if (!was_accepted(__func__, "PUT", url, result, *response)) return false;
     log_info("Successfully uploaded binary data (HTTP 200, %zu bytes)", size_t{size});
     return true;
 }
