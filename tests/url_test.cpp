@@ -17,6 +17,7 @@ namespace
 {
 
 using url_ptr = std::unique_ptr<url, decltype([](url *u) { url_destroy(u); })>;
+url_ptr parsed(const std::string &text) { return url_ptr{url_parse(text.c_str())}; }
 using heap_text = std::unique_ptr<char, decltype([](char *text) { free(text); })>;
 
 void (*alter)(addrinfo &) = nullptr; ///< what to do to every entry of an answer
@@ -58,24 +59,22 @@ TEST(Url, PartsOfEveryForm)
         {"http://[fe80::1%eth0]:81/", "http - [fe80 80 / "}, // "t" makes it a name
     };
     for (const auto &[text, expected] : cases) {
-        const url_ptr u{url_parse(text)};
+        const url_ptr u = parsed(text);
         ASSERT_TRUE(u) << text;
         std::ostringstream parts;
         parts << u->scheme << " " << (u->userinfo ? u->userinfo : "-") << " " << u->host << " " << u->port << " "
               << u->path << " " << (u->is_ipv6 ? "6" : "") << (u->is_https ? "s" : "");
         EXPECT_EQ(expected, parts.str()) << text;
     }
-    EXPECT_STREQ(
-        "https://u@[::1]:81/p", url_ptr { url_parse("https://u@[::1]:81/p") } -> url);
-    EXPECT_STREQ(
-        "https://10.0.0.1/", url_ptr { url_parse("https://10.0.0.1:443") } -> url);
+    EXPECT_STREQ("https://u@[::1]:81/p", parsed("https://u@[::1]:81/p")->url);
+    EXPECT_STREQ("https://10.0.0.1/", parsed("https://10.0.0.1:443")->url);
 }
 
 TEST(Url, PortsHaveOneToFiveDigitsOrAreTheSchemes)
 {
     std::string ports;
     for (const char *text : {"65534", "65535", "1", "0", "00081", "000081", "", "8x", "+81", " 81"}) {
-        ports += std::to_string(url_ptr { url_parse((std::string("https://host:") + text).c_str()) } -> port) + " ";
+        ports += std::to_string(parsed(std::string("https://host:") + text)->port) + " ";
     }
     EXPECT_EQ("65534 443 1 443 81 443 443 443 443 443 ", ports);
     uint16_t port = 7;
@@ -90,16 +89,16 @@ TEST(Url, WhatIsNone)
     std::istringstream texts(
         "gateway:8080 gateway/a:b ://host http:/host http: ftp://host/ httpss://h http:// http:///path "
         "http://u@/ http://u@ http://:g/ http://[::1/ http://]1[/ http://[]/ http://host/a@b");
-    for (std::string text; texts >> text;) EXPECT_EQ(nullptr, url_parse(text.c_str())) << text;
+    for (std::string text; texts >> text;) EXPECT_EQ(nullptr, parsed(text)) << text;
     EXPECT_EQ(nullptr, url_parse(nullptr));
     EXPECT_EQ(nullptr, url_parse(""));
-    EXPECT_EQ(nullptr, url_parse(std::string(1025, 'h').c_str()));
-    EXPECT_EQ(1024U + strlen("http:///"), strlen(url_ptr { url_parse(std::string(1024, 'h').c_str()) } -> url));
+    EXPECT_EQ(nullptr, parsed(std::string(1025, 'h')));
+    EXPECT_EQ(1024U + strlen("http:///"), strlen(parsed(std::string(1024, 'h'))->url));
 }
 
 TEST(Url, CopiesOwnTheirTexts)
 {
-    const url_ptr source{url_parse("https://u@192.0.2.7:8443/p")};
+    const url_ptr source = parsed("https://u@192.0.2.7:8443/p");
     ASSERT_EQ(0, url_resolve(source.get(), nullptr));
     source->aux = 5;
     url *place = url_parse("http://old");
@@ -123,7 +122,7 @@ TEST(Url, ResolvesAsAskedAndKeepsTheLastAddress)
     char text[INET6_ADDRSTRLEN] = "untouched";
     const auto lookup = [&](const char *of, int family) {
         const addrinfo hints = {.ai_flags = 0, .ai_family = family, .ai_socktype = SOCK_STREAM};
-        const url_ptr u{url_parse(of)};
+        const url_ptr u = parsed(of);
         u->aux = 9;
         const int result = url_resolve(u.get(), family == AF_INET ? nullptr : &hints); // IPv4 alone without hints
         if (result == 0) EXPECT_EQ(ENOSPC, url_addr_ntop(u.get(), text, 9));
@@ -159,7 +158,7 @@ TEST(Url, EncodesForQueries)
 TEST(Url, WithoutMemoryThereIsNoRecord)
 {
     if (!faults::can_refuse_memory) GTEST_SKIP() << "no allocation faults under the address sanitizer";
-    const url_ptr source{url_parse("http://u@host:81/p")};
+    const url_ptr source = parsed("http://u@host:81/p");
     int made = 0;
     faults::for_each_allocation([&] { made += url_ptr{url_parse(source->raw)} != nullptr; });
     faults::for_each_allocation([&] { made += url_ptr{url_copy(source.get())} != nullptr; });
