@@ -39,9 +39,9 @@ bytes part(const bytes &packet, size_t from, size_t to) { return {&packet[from],
 /// The plaintext's length; else the result, negative. From a block of exactly the packet's size.
 int decoded(bytes packet)
 {
-    auto &p = reinterpret_cast<vela_packet &>(*packet.data());
-    const int result = dec_payload(static_cast<uint32_t>(packet.size()), &p, &ctrl);
-    return result == VELA_PACKET_VALID ? p.length : -result;
+    auto *p = reinterpret_cast<vela_packet *>(packet.data());
+    const int result = dec_payload(static_cast<uint32_t>(packet.size()), p, &ctrl);
+    return result == VELA_PACKET_VALID ? p->length : -result;
 }
 
 /// A packet with another payload, its length and CRC; encrypted, unless the sender lacks the key.
