@@ -124,8 +124,6 @@ bool take_key(const char *step, const char *text)
     return true;
 }
 
-void be_ready() { ctrl.ready = ctrl.encrypt = 1; }
-
 /// The bridge's address where it has one.
 bool bridge_address(in_addr &address)
 {
@@ -200,18 +198,13 @@ bool start_member(const char *group)
     if (!open_member_socket()) return false;
 
     in_addr address = {};
-    if (!bridge_address(address)) {
-        be_ready();
-        return true;
-    }
+    if (!bridge_address(address)) return true; // SIGUSR1 will tell
     ctrl.my_ip = address;
     log_info_as(step, "my_ip is %s", address_text{ctrl.my_ip}.text);
     if (join_group() != 0) {
         log_error_as(step, "set multicast socket fail, %s", strerror(errno));
         return false;
     }
-    be_ready();
-    log_info_as(step, "vela_protocol init done");
     return true;
 }
 
@@ -234,10 +227,7 @@ bool init(int member)
         return false;
     }
     if (!group) log_info_as(step, "no %s", group_name);
-    if (!take_key(step, key)) return false;
-    if (member) return start_member(group);
-    be_ready();
-    return true;
+    return take_key(step, key) && (!member || start_member(group));
 }
 
 bool client_init()
@@ -254,12 +244,16 @@ bool client_init()
     }
     if (!take_key(step, key)) return false;
     (void)inet_pton(AF_INET, group, &ctrl.mcast_ip); // on purpose unchecked: a send to 0.0.0.0 says it
-    be_ready();
     return true;
 }
 
-int give_up(const char *step)
+/// An init's result: with a key and all that goes with it, or with everything cleared.
+int conclude(const char *step, bool complete)
 {
+    if (complete) {
+        ctrl.ready = ctrl.encrypt = 1;
+        return 0;
+    }
     vela_protocol_deinit();
     log_error_as(step, "could not start vela-protocol");
     return -1;
@@ -351,8 +345,9 @@ void close_socket()
 int vela_protocol_init(int member)
 {
     vela_protocol_deinit(); // what an earlier init holds
-    if (!init(member)) return give_up(__func__);
-    return 0;
+    const int result = conclude(__func__, init(member));
+    if (result == 0) log_info("vela_protocol init done");
+    return result;
 }
 
 int vela_protocol_init_recv(event_base *base, const vela_handler_entry *table)
@@ -400,8 +395,7 @@ void vela_protocol_set_mcast_ready_cb(void (*cb)(void)) { member_state.ready_cal
 int vela_protocol_client_init(void)
 {
     vela_protocol_deinit();
-    if (!client_init()) return give_up(__func__);
-    return 0;
+    return conclude(__func__, client_init());
 }
 
 void vela_protocol_client_send(const void *data, uint32_t len, uint16_t method)
