@@ -19,6 +19,10 @@ void end_daemon(const std::string &ifname)
     machine::eventually([&] { return !site::exists(pid_file); }, 5); // both remove it last
 }
 
+/// At 6 GHz there are no open networks.
+constexpr const char *lines_for_6ghz = "op_class=131\nieee80211ax=1\nieee80211w=2\nwpa=2\nwpa_key_mgmt=SAE\n"
+                                       "rsn_pairwise=CCMP\nsae_password=12345678\nsae_pwe=1\n";
+
 bool link_is_up(const std::string &ifname)
 {
     return site::read_file("/sys/class/net/" + ifname + "/operstate") == "up\n";
@@ -34,8 +38,13 @@ void fresh_radios(int count)
     site::run("modprobe -r mac80211_hwsim");
     ASSERT_EQ(0, site::run("modprobe mac80211_hwsim radios=" + std::to_string(count)));
     ASSERT_TRUE(eventually([&] { return site::exists("/sys/class/net/wlan" + std::to_string(count - 1)); }));
-    site::run("iw reg set US");
-    ASSERT_TRUE(eventually([] { return iw("reg get").find("country US") != std::string::npos; }));
+    set_country("US");
+}
+
+void set_country(const std::string &code)
+{
+    site::run("iw reg set " + code);
+    ASSERT_TRUE(eventually([&] { return iw("reg get").find("country " + code) != std::string::npos; }));
 }
 
 bool eventually(const std::function<bool()> &holds, int seconds)
@@ -65,8 +74,9 @@ void tell(const char *format, ...)
 access_point::access_point(const std::string &ifname, const settings &how) : ifname_{ifname}
 {
     std::string config = "interface=" + ifname + "\ndriver=nl80211\nssid=" + how.ssid +
-                         "\nhw_mode=" + (how.channel > 14 ? "a" : "g") + "\nchannel=" + std::to_string(how.channel) +
-                         "\n" + how.more;
+                         "\nhw_mode=" + (how.channel > 14 || how.at_6ghz ? "a" : "g") +
+                         "\nchannel=" + std::to_string(how.channel) + "\n" + how.more +
+                         (how.at_6ghz ? lines_for_6ghz : "");
     if (!how.vendor_elements.empty()) config += "\nvendor_elements=" + how.vendor_elements;
     const std::string path = daemon_file(ifname, "conf");
     site::put_file(path, config + "\n");

@@ -14,6 +14,9 @@ namespace machine
 /// the regulatory domain US. Their wiphy indices are new each time.
 void fresh_radios(int count = 4);
 
+/// Changes the regulatory domain. DE lets access points begin at 6 GHz, US does not.
+void set_country(const std::string &code);
+
 /// Waits until `holds` does; false after the given time.
 bool eventually(const std::function<bool()> &holds, int seconds = 20);
 
@@ -23,13 +26,14 @@ std::string iw(const std::string &arguments);
 /// One line of a test's story, printed with --show only.
 void tell(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
-/// An open access point, run by hostapd until destroyed. Fails the test when it does not come up.
+/// An access point, open but for 6 GHz, run by hostapd until destroyed. Fails the test when it does not come up.
 class access_point
 {
 public:
     struct settings {
         std::string ssid = "vela";
         int channel = 1;             ///< above 14: 5 GHz
+        bool at_6ghz = false;        ///< then the channel is one of those
         std::string vendor_elements; ///< whole elements in hex, for beacons and probe responses
         std::string more;            ///< further lines for hostapd
     };
