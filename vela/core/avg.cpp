@@ -3,18 +3,16 @@
 #include <cmath>
 #include <cstddef>
 #include <vela/core/avg.h>
+#include <vela/core/internal/numbers.h>
 
 static_assert(sizeof(vela_avg) == 24 && offsetof(vela_avg, count) == 8 && offsetof(vela_avg, avg) == 16);
 
 namespace
 {
 
-constexpr int64_t score_max = 300; // hundredths of a standard deviation
+using vela::wrapping_sum;
 
-int64_t sum_of(int64_t a, int64_t b)
-{
-    return static_cast<int64_t>(static_cast<uint64_t>(a) + static_cast<uint64_t>(b));
-}
+constexpr int64_t score_max = 300; // hundredths of a standard deviation
 
 int64_t difference_of(int64_t a, int64_t b)
 {
@@ -53,21 +51,21 @@ int64_t vela_avg_round(int64_t a, int64_t b)
 {
     if (b == 0) return 0;
     const int64_t half = b / 2;
-    const int64_t rounded = sum_of(a, a >= 0 ? half : -half);
+    const int64_t rounded = wrapping_sum(a, a >= 0 ? half : -half);
     return b == -1 ? difference_of(0, rounded) : rounded / b; // dividing the lowest number by -1 would trap
 }
 
 int64_t vela_avg_array(const int64_t *values, uint32_t count)
 {
     int64_t sum = 0;
-    for (uint32_t i = 0; i < count; ++i) sum = sum_of(sum, values[i]);
+    for (uint32_t i = 0; i < count; ++i) sum = wrapping_sum(sum, values[i]);
     return vela_avg_round(sum, count);
 }
 
 void vela_avg_inc(vela_avg *avg, int64_t value)
 {
-    avg->sum = sum_of(avg->sum, value);
-    avg->count = sum_of(avg->count, 1);
+    avg->sum = wrapping_sum(avg->sum, value);
+    avg->count = wrapping_sum<int64_t>(avg->count, 1);
 }
 
 void vela_avg_inc_weighted(vela_avg *avg, int64_t value, int32_t weight)
@@ -75,8 +73,8 @@ void vela_avg_inc_weighted(vela_avg *avg, int64_t value, int32_t weight)
     if (value == -1) return;
     int64_t weighted;
     (void)__builtin_mul_overflow(value, weight, &weighted); // wraps
-    avg->sum = sum_of(avg->sum, weighted);
-    avg->count = sum_of(avg->count, weight);
+    avg->sum = wrapping_sum(avg->sum, weighted);
+    avg->count = wrapping_sum<int64_t>(avg->count, weight);
 }
 
 void vela_avg_compute(vela_avg *avg, int64_t default_value)
