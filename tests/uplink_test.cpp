@@ -128,7 +128,7 @@ TEST(Uplink, IdentifiesFromEitherSetOfFiles)
     EXPECT_THAT(identified(), ElementsAre("0", "eth0", "ath2"));
     site::put_file("/var/run/uplink_eth", "eth2\n");
     EXPECT_THAT(identified(), ElementsAre("0", "eth2", "ath5"));
-    site::put_file("/var/run/uplink_eth", "");
+    site::put_file("/var/run/uplink_eth", "\n");
     EXPECT_THAT(identified(), ElementsAre("0", "eth0", "ath5"));
 }
 

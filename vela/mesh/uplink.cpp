@@ -263,8 +263,8 @@ int uplink_ifname_identify(uplink_table *t, char *wired, size_t n)
     if (!t || !wired) return -1;
     if (exists(uplinks_path) && exists(wired_path)) {
         (void)populate_uplink_wds_ifnames_info_devnames(t); // names that did not fit are logged
-        char port[name_size];
-        freadline(wired_path, port, sizeof port, default_wired);
+        char port[name_size] = "";
+        if (const vela::file_ptr named = open_for_reading(wired_path)) (void)read_line(named.get(), port);
         vela::copy_text(wired, n, *port ? port : default_wired);
         return 0;
     }
