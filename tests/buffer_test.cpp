@@ -48,8 +48,21 @@ TEST(Buffer, GrowsByTheCountRoundedUp)
         b->reset(b);
         EXPECT_EQ(capacity, b->capacity(b));
         EXPECT_EQ(count, append(b, std::string(count, 'b')));
+        EXPECT_EQ(0, b->init(b, 7)) << "in place of what it had";
+        EXPECT_EQ(7U, b->capacity(b));
     }
     EXPECT_EQ(nullptr, buffer_create2(cap + 1));
+}
+
+TEST(Buffer, AppendsPiecesOfEveryLength)
+{
+    const auto [pieces, b] = filled("0");
+    std::string expected = "0", piece;
+    for (char c = ' '; c <= '~'; ++c) {
+        append(b, piece += c);
+        expected += piece;
+    }
+    EXPECT_EQ(expected, unread(b));
 }
 
 TEST(Buffer, KeepsItsPlaceUntilDrained)
