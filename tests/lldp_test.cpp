@@ -63,25 +63,21 @@ board_record &be_board(uint16_t system_id)
 
 } // namespace
 
-TEST(Lldp, OneNeighbourOrSeveral)
+TEST(Lldp, SeveralNeighbours)
 {
     be_board(1);
-    const std::string one =
-        R"({"eth0": {"chassis": {"a": {"id": {"type": "mac", "value": "02:56:4c:00:00:01"}, "descr": "Switch, 24 ports"}},)"
-        R"( "port": {"id": {"type": "ifname", "value": "ge1"}, "descr": "Port 1"}}})";
-    const std::string two = R"({"ath0": {"chassis": {"x": {"descr": "first"}, "y": {"descr": "second"}}, "port": {}}})";
-    const std::string first =
-        R"({"local_port_name":"eth0","is_wired":true,"chassis_id":"02:56:4c:00:00:01","chassis_descr":"Switch, 24 ports",)"
-        R"("port_id":"ge1","port_descr":"Port 1","local_port_idx":1})";
-    const std::string second =
-        R"({"local_port_name":"ath0","is_wired":false,"chassis_id":"00:00:00:00:00:00","chassis_descr":"second"})";
-    for (const auto &[value, expected] : table<std::string, std::string>{
-             {one, first}, {"[" + one + "," + two + R"(, {"eth1": {"port": {}}}, 7])", first + "," + second}}) {
-        client_prints(interfaces(value));
-        EXPECT_EQ("[" + expected + "]", neighbours());
-    }
+    client_prints(interfaces(
+        R"([{"eth0": {"chassis": {"a": {"id": {"type": "mac", "value": "02:56:4c:00:00:01"}, "descr": "Switch, 24 ports"}},)"
+        R"( "port": {"id": {"type": "ifname", "value": "ge1"}, "descr": "Port 1"}}},)"
+        R"({"ath0": {"chassis": {"x": {"descr": "first"}, "y": {"descr": "second"}}, "port": {}}}, {"eth1": {"port": {}}}, 7])"));
+    EXPECT_EQ(
+        R"([{"local_port_name":"eth0","is_wired":true,"chassis_id":"02:56:4c:00:00:01","chassis_descr":"Switch, 24 ports",)"
+        R"("port_id":"ge1","port_descr":"Port 1","local_port_idx":1},)"
+        R"({"local_port_name":"ath0","is_wired":false,"chassis_id":"00:00:00:00:00:00","chassis_descr":"second"}])",
+        neighbours());
 }
 
+// One neighbour each, which the client prints as an object.
 TEST(Lldp, PortNumbersFollowTheBoard)
 {
     const std::string with_id = R"({"id": {"value": "x"}})";

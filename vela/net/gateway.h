@@ -27,7 +27,7 @@ extern "C" {
  */
 VELA_API int gateway_get_ip(char *ip, uint32_t *addr, size_t len);
 
-/** The hardware address of an IPv4 neighbour, from the ARP table. 0 or -1. */
+/** The hardware address of an IPv4 neighbour, from the ARP table. 0; -1 when that has none, `mac` is then untouched. */
 VELA_API int gateway_get_mac(const char *ip, uint8_t mac[6]);
 
 /** Writes "02:56:4c:00:00:0a". 0; -1 for null arguments or a size below 18. */
