@@ -19,7 +19,7 @@ using testing::Not;
 namespace
 {
 
-constexpr const char *analytics_mode = "/var/run/system.analytics.mode";
+constexpr const char *coredump_mode = "/var/run/system.analytics.coredump";
 constexpr const char *messages = "/var/log/messages";
 
 const std::string report_url = std::string(vela::settings::crash_url) + "/v1/crash";
@@ -93,13 +93,12 @@ TEST_F(Crash, RamDumpReportHasTheConfigurationAndNoProcess)
 TEST_F(Crash, NothingIsSentBeforeTheDeviceIsReadyAndAllowed)
 {
     site::put_program("/usr/bin/oopsdump", "exit 0");
-    for (const char *path : {"/var/run/ntp.ready", "/var/run/ipready.br0", analytics_mode}) {
+    for (const char *path : {"/var/run/ntp.ready", "/var/run/ipready.br0", "/var/run/system.analytics.mode"}) {
         site::lay_out_device();
-        path == analytics_mode ? site::put_file(path, "0\n") : site::remove_file(path);
+        strstr(path, "mode") ? site::put_file(path, "0\n") : site::remove_file(path);
         send(0);
         EXPECT_EQ(-2, send_kernel_crash()) << path;
     }
-    site::put_file(analytics_mode, "1\n");
     crash.type = 5;
     send(0, -1); // no such kind
     EXPECT_THAT(log.take(), testing::IsEmpty());
@@ -109,18 +108,18 @@ TEST_F(Crash, DumpsAreUploadedWholeWhereAllowed)
 {
     std::string dump(3'000'000, '\0');
     for (size_t i = 0; i < dump.size(); ++i) dump[i] = static_cast<char>(i * i >> 7);
-    using row = std::tuple<uint32_t, const char *, uint32_t, size_t>; // with the number of requests
-    const row dumped{CRASH_CORE_DUMP, "1", 3'000'000, 2}, not_allowed{CRASH_CORE_DUMP, "2", 1, 1};
-    const row always{CRASH_MINIDUMP, "0", 1, 2}, empty{CRASH_MINIDUMP, "1", 0, 1};
     crash.data = dump.data();
-    for (const auto &[type, mode, size, expected_requests] : {dumped, not_allowed, always, empty}) {
-        site::put_file("/var/run/system.analytics.coredump", mode);
-        crash.type = type;
-        crash.size = size;
-        const bool upload = expected_requests == 2;
-        EXPECT_THAT(send(expected_requests), HasSubstr(upload ? R"("upload":true)" : R"("upload":false)"));
-        if (upload) EXPECT_TRUE("PUT " + upload_url == url_of(requests[1]) && dump.substr(0, size) == requests[1].body);
-    }
+    crash.size = 3'000'000;
+    site::put_file(coredump_mode, "1\n");
+    EXPECT_THAT(send(2), HasSubstr(R"("upload":true)"));
+    EXPECT_EQ("PUT " + upload_url, url_of(requests[1]));
+    EXPECT_TRUE(dump == requests[1].body);
+    site::put_file(coredump_mode, "2\n");
+    EXPECT_THAT(send(1), HasSubstr(R"("upload":false)"));
+    crash.type = CRASH_MINIDUMP; // small enough, always
+    EXPECT_THAT(send(2), HasSubstr(R"("upload":true)"));
+    crash.size = 0;
+    EXPECT_THAT(send(1), HasSubstr(R"("upload":false)"));
 }
 
 TEST_F(Crash, EveryRefusalIsAFailureThatIsTold)

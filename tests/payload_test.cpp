@@ -1,4 +1,3 @@
-#include "tests/support/faults.h"
 #include "tests/support/log_lines.h"
 #include "tests/support/table.h"
 
@@ -87,11 +86,6 @@ TEST(Payload, SizesAndKinds)
         EXPECT_EQ(encrypt == 1, part(p, 12, 28) != bytes(16) || part(p, 36, 40) != bytes(4)) << length;
         EXPECT_EQ(encrypt == 1 && length != 0 ? length : -VELA_PACKET_INVALID, decoded(p));
     }
-    if (!faults::can_refuse_memory) return;
-    log_lines log;
-    const faults::refuse_memory next;
-    EXPECT_EQ(nullptr, gen_payload("a", 1, 1, 1, 1, &ctrl));
-    EXPECT_THAT(log.take(), testing::ElementsAre(log_line{"error", "libvela", "gen_payload", "hdr malloc fail"}));
 }
 
 TEST(Payload, RepeatsOfTheLastSequenceAreLookedForFirst)

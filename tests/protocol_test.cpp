@@ -86,8 +86,7 @@ TEST_F(Protocol, InitRefusesWhatIsMissingAndSaysSo)
         site::put_file(info_path, config);
         site::put_file(system_path, config);
         EXPECT_EQ(complaint.empty() ? 0 : -1, vela_protocol_init(1)) << complaint;
-        const auto texts = log.texts();
-        if (!complaint.empty()) {
+        if (const auto texts = log.texts(); !complaint.empty()) {
             EXPECT_THAT(texts,
                         ElementsAre("VELA_DEVICE[02:56:4c:0a:1b:2c]", complaint, "could not start vela-protocol"));
             EXPECT_EQ(0, vela_protocol_ctrl.device_id[0]) << "cleared";

@@ -158,11 +158,8 @@ TEST_F(Trace, EachFailureBeyondTheFourthDoublesTheWait)
     EXPECT_EQ(1U, batch->refcount);
     auto lines = log.take();
     std::erase_if(lines, [](const auto &line) { return line.function != "send_traces"; });
-    const auto failed = [](const std::string &why) {
-        return std::string("PUT '") + vela::settings::trace_url + "/traces' failed: " + why;
-    };
     ASSERT_EQ(2U, lines.size()) << "failures are told once";
-    EXPECT_EQ(failed("[7] Couldn't connect to server"), lines[0].text);
-    EXPECT_EQ(failed("[404] no"), lines[1].text);
+    EXPECT_EQ("PUT 'https://" + host + "/traces' failed: [7] Couldn't connect to server", lines[0].text);
+    EXPECT_EQ("PUT 'https://" + host + "/traces' failed: [404] no", lines[1].text);
     leaks.expect_unchanged();
 }
