@@ -70,6 +70,7 @@ protected:
     void TearDown() override
     {
         vela_ubus_shutdown();
+        EXPECT_EQ(0, event_base_get_num_events(base, EVENT_BASE_COUNT_ADDED));
         event_base_free(base);
         EXPECT_EQ("", daemon->complaint());
         daemon.reset();
@@ -112,6 +113,12 @@ TEST_F(Ubus, WhatIsMissingIsRefusedAndLookupsStoreWhatTheyFind)
     EXPECT_EQ(3U, log.take().size());
     EXPECT_EQ(nullptr, open()) << "without a bus";
     EXPECT_THAT(log.take(), ElementsAre(log_line{"error", "libvela_ubus", "vela_ubus_create", no_bus}));
+    {
+        const bus_script secretive(path, talk({hello, lookup, ok}));
+        EXPECT_EQ(-ENOSYS, vela_ubus_find_service(open(1))) << "it is there, but shows nothing";
+    }
+    vela_ubus_shutdown();
+    connects = 0;
 
     daemon->start();
     const iface_ptr iface = open(1);
@@ -169,6 +176,7 @@ TEST_F(Ubus, ARecordWaitsForItsBusAndRegainsIt)
 
     ctx->connection_lost(nullptr); // whoever it was
     EXPECT_NE(nullptr, iface->timer);
+    EXPECT_EQ(nullptr, iface->read_event);
     EXPECT_TRUE(runs_until([&] {
         if (iface->timer) ctx->connection_lost(ctx);
         log.take();
