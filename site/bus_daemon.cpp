@@ -146,6 +146,12 @@ int listen_at(const std::string &path)
     abort();
 }
 
+/// Waits for a child of ours, also where signals rain.
+void await(pid_t pid, int options)
+{
+    while (waitpid(pid, nullptr, options) < 0 && errno == EINTR) {}
+}
+
 } // namespace
 
 namespace bus
@@ -220,14 +226,14 @@ void bus_process::kill()
 {
     if (pid_ < 0) return;
     ::kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
+    await(pid_, 0);
     pid_ = -1;
 }
 
 void bus_process::pause()
 {
     ::kill(pid_, SIGSTOP);
-    waitpid(pid_, nullptr, WUNTRACED);
+    await(pid_, WUNTRACED);
 }
 
 void bus_process::resume() { ::kill(pid_, SIGCONT); }
@@ -338,50 +344,64 @@ private:
         }
     }
 
-    void handle(client &c, std::string_view frame)
-    {
-        const auto type = static_cast<uint8_t>(frame[1]);
-        const auto seq = static_cast<uint16_t>(be32(frame) & 0xffff);
-        const uint32_t peer = be32(frame.substr(4));
-        ++requests_;
-        if (frame[0] != 0 || frame[8] != 0 || frame.size() % 4 != 0) complain_("an odd header: " + hex(frame));
-        if (c.last_seq && seq != static_cast<uint16_t>(*c.last_seq + 1)) complain_("a sequence gap: " + hex(frame));
-        c.last_seq = seq;
+    struct request {
+        uint8_t type;
+        uint16_t seq;
+        uint32_t peer;
+        std::map<uint8_t, std::string_view> attributes; // the last of each id
+        std::string order;                              // their ids, as they came
 
-        // The attributes by id, and their order.
-        std::map<uint8_t, std::string_view> a;
-        std::string order;
-        auto rest = frame.substr(header_size);
-        while (!rest.empty()) {
+        [[nodiscard]] std::string_view operator[](uint8_t id) const
+        {
+            const auto found = attributes.find(id);
+            return found == attributes.end() ? std::string_view{} : found->second;
+        }
+    };
+
+    request parse(client &c, std::string_view frame)
+    {
+        request r{
+            static_cast<uint8_t>(frame[1]), static_cast<uint16_t>(be32(frame) & 0xffff), be32(frame.substr(4)), {}, {}};
+        if (frame[0] != 0 || frame[8] != 0 || frame.size() % 4 != 0) complain_("an odd header: " + hex(frame));
+        if (c.last_seq && r.seq != static_cast<uint16_t>(*c.last_seq + 1)) complain_("a sequence gap: " + hex(frame));
+        c.last_seq = r.seq;
+        for (auto rest = frame.substr(header_size); !rest.empty();) {
             const auto taken = take_attribute(rest);
             if (!taken) {
                 complain_("a broken attribute: " + hex(frame));
                 break;
             }
-            a[taken->id_bits] = taken->payload;
-            order += std::to_string(taken->id_bits);
+            r.attributes[taken->id_bits] = taken->payload;
+            r.order += std::to_string(taken->id_bits);
         }
+        return r;
+    }
+
+    void handle(client &c, std::string_view frame)
+    {
+        ++requests_;
+        const request r = parse(c, frame);
         const auto answer_status = [&](uint32_t code) {
             std::string body = bus::attr(bus::a_status, code);
-            if (type == bus::invoke && a.contains(bus::a_objid)) body += bus::attr(bus::a_objid, a[bus::a_objid]);
-            send_to(c, bus::frame(bus::status, seq, peer, body));
+            if (r.type == bus::invoke && !r[bus::a_objid].empty()) body += bus::attr(bus::a_objid, r[bus::a_objid]);
+            send_to(c, bus::frame(bus::status, r.seq, r.peer, body));
         };
-
-        switch (type) {
+        switch (r.type) {
         case bus::ping:
-            send_to(c, bus::frame(bus::data, seq, peer, frame.substr(header_size)));
+            send_to(c, bus::frame(bus::data, r.seq, r.peer, frame.substr(header_size)));
             return answer_status(0);
-        case bus::lookup:
-            if (peer != 0 || (order != "2" && !order.empty())) complain_("an odd lookup: " + hex(frame));
-            if (a.contains(bus::a_objpath) && !is_text(a[bus::a_objpath])) complain_("an odd path: " + hex(frame));
-            return answer_status(look_up(c, seq, a.contains(bus::a_objpath) ? a[bus::a_objpath].data() : "*"));
+        case bus::lookup: {
+            const bool named = is_text(r[bus::a_objpath]);
+            if (r.peer != 0 || r.order != (named ? "2" : "")) complain_("an odd lookup: " + hex(frame));
+            return answer_status(look_up(c, r.seq, named ? r[bus::a_objpath].data() : "*"));
+        }
         case bus::invoke:
-            if (order != "347" || a[bus::a_objid].size() != 4 || be32(a[bus::a_objid]) != peer ||
-                !is_text(a[bus::a_method]) || !are_values(a[bus::a_data], true)) {
+            if (r.order != "347" || r[bus::a_objid].size() != 4 || be32(r[bus::a_objid]) != r.peer ||
+                !is_text(r[bus::a_method]) || !are_values(r[bus::a_data], true)) {
                 complain_("an odd call: " + hex(frame));
                 return answer_status(2);
             }
-            return answer_status(call(c, seq, peer, a[bus::a_method].data(), a[bus::a_data]));
+            return answer_status(call(c, r.seq, r.peer, r[bus::a_method].data(), r[bus::a_data]));
         default: complain_("an odd message: " + hex(frame)); return answer_status(1);
         }
     }

@@ -112,7 +112,7 @@ int32_t dhcp_score(const vela_station &s)
     return s.dhcp_reply_a + s.dhcp_reply_b != 0 ? best : 0;
 }
 
-int32_t at_least_zero(int64_t score) { return static_cast<int32_t>(std::clamp<int64_t>(score, 0, best)); }
+int32_t bounded(int64_t score) { return static_cast<int32_t>(std::clamp<int64_t>(score, 0, best)); }
 
 int32_t dns_latency_score(const vela_station &s)
 {
@@ -120,15 +120,12 @@ int32_t dns_latency_score(const vela_station &s)
     return static_cast<int32_t>(100.0 - std::min(s.dns_latency, 1500) / 1500.0 * 40.0);
 }
 
-int32_t icmp_score(const vela_station &s)
-{
-    return s.icmp_rtt <= 99 ? best : at_least_zero(100 - (s.icmp_rtt - 100) / 15);
-}
+int32_t icmp_score(const vela_station &s) { return s.icmp_rtt <= 99 ? best : bounded(100 - (s.icmp_rtt - 100) / 15); }
 
 // The first disconnection is free.
 int32_t disconnect_score(const vela_station &s)
 {
-    return at_least_zero(100 - 10 * std::max<int64_t>(int64_t{s.disconnects} - 1, 0));
+    return bounded(100 - 10 * std::max<int64_t>(int64_t{s.disconnects} - 1, 0));
 }
 
 int32_t drop_score(const vela_station &s)
@@ -193,7 +190,7 @@ int calc_sta_satisfaction(vela_station *station)
     record(s, VELA_SAT_IP_TIMEOUT, s.has_ip != 0 ? best : 0);
     record(s, VELA_SAT_NO_DHCP_RESPONSE, dhcp_score(s));
     record(s, VELA_SAT_ARP_TIMEOUT, s.arp_ok != 0 ? best : 0);
-    record(s, VELA_SAT_DNS_TIMEOUT, at_least_zero(100 - 10 * int64_t{s.dns_timeouts}));
+    record(s, VELA_SAT_DNS_TIMEOUT, bounded(100 - 10 * int64_t{s.dns_timeouts}));
     record(s, VELA_SAT_DNS_LATENCY, dns_latency_score(s));
     record(s, VELA_SAT_ICMP_RTT, icmp_score(s));
     record(s, VELA_SAT_DISCONNECTS, disconnect_score(s));
