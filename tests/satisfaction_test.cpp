@@ -17,7 +17,7 @@ TEST(Satisfaction, EveryAreaOnBothSidesOfItsEdges)
         {"below all points", 1, 0, {.freq = 5180, .tx_rate = 1000, .radio_health = 50}},
         {"30000 at 5000 MHz", 1, 100, {.freq = 5000, .tx_rate = 30000, .radio_health = 100}},
         {"30000 above", 1, 95, {.freq = 5001, .tx_rate = 30000, .radio_health = 100}},
-        {"a product of 64 bits", 1, 100, {.freq = 5180, .tx_rate = UINT32_MAX, .radio_health = 100}},
+        {"a product of 64 bits", 1, 100, {.freq = 5180, .tx_rate = 42949673, .radio_health = 100}},
         {"directions added", 3, 98, {.tcp_stats = {{.lat_samples = 1, .lat_avg = 60}, {.lat_avg = 70}}}},
         {"one not measured", 3, 100, {.tcp_stats = {{.lat_samples = 1, .lat_avg = 99}, {.lat_avg = UINT64_MAX}}}},
         {"the worst that counts", 3, 0, {.tcp_stats = {{}, {.lat_samples = 1, .lat_avg = 1614}}}},

@@ -362,6 +362,8 @@ TEST_F(Ubus, RequestsMeetTheirObjects)
         EXPECT_TRUE(reply == (over ? "" : payload(b.head)));
     }
     blob_buf_free(&b);
+    daemon->kill();
+    EXPECT_EQ(2, ubus_lookup(k.get(), nullptr, note, nullptr)) << "and this process lives";
 }
 
 TEST_F(Ubus, NoBusHoldsAnybodyForLong)
