@@ -81,12 +81,10 @@ TEST(Regulatory, Refusals)
     for (const int band : {0, 5}) EXPECT_EQ(refused, ask({.band = band}));
     EXPECT_THAT(log.texts(), ElementsAre("unsupported band: 0", "unsupported band: 5"));
 
-    for (const char *script : {"", "head -c 100000 /dev/urandom", "kill -9 $$"}) {
-        site::put_program(tool, script);
-        EXPECT_EQ(refused, ask({})) << script;
-        EXPECT_THAT(log.take(), ElementsAre(log_line{"error", "regdomain", "vl_regulatory_get_max_eirp",
-                                                     "no channels found in the regulatory domain"}));
-    }
+    site::put_program(tool, "echo country; kill -9 $$");
+    EXPECT_EQ(refused, ask({}));
+    EXPECT_THAT(log.take(), ElementsAre(log_line{"error", "regdomain", "vl_regulatory_get_max_eirp",
+                                                 "no channels found in the regulatory domain"}));
     leaks.expect_unchanged();
 }
 

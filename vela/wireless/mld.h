@@ -49,7 +49,7 @@ VELA_API void reset_seen_mlds(void);
 /**
  * Remembers a multi-link device, so that a report visits each only once. Sixteen names are kept for the process; a new
  * one beyond them counts as new every time.
- * @return 1 when the name is new, 0 when it was seen before, or when out of memory
+ * @return 1 when the name is new, 0 when it was seen before, is null, or when out of memory
  */
 VELA_API int add_if_mld_unique(const char *name);
 

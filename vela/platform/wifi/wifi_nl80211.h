@@ -4,7 +4,8 @@
  *
  * A build for a device takes the calls from the vendor's own library. This one does the same work on plain nl80211, for
  * hosts and simulated radios: vendor commands go out as NL80211_CMD_VENDOR, and the list of access points heard
- * (generic command 212) is read with NL80211_CMD_GET_SCAN.
+ * (generic command 212) is read with NL80211_CMD_GET_SCAN. A program or a preloaded library that defines some of the
+ * calls itself replaces these: the library then calls them there.
  *
  * On the wire a command is NL80211_CMD_VENDOR with the vendor's OUI, the sub-command, and vendor data that nests the
  * attributes of `wifi_vendor_attr`. The vendor data of each reply is the driver's answer, byte by byte.
