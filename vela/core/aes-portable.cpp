@@ -120,7 +120,9 @@ template <class Entry> constexpr table table_of(Entry entry)
     return t;
 }
 
-constexpr uint8_t infinity = 0x80; // as an index: a permute gives 0
+constexpr uint8_t nothing = 0x80; // as an index: a permute gives 0
+constexpr uint8_t infinity = nothing;
+
 constexpr table quotients_of(uint8_t dividend)
 {
     return table_of([=](unsigned n) { return n == 0 ? infinity : split(times(dividend, inverse(element(n)))); });
@@ -184,8 +186,6 @@ struct decryption_tables {
                     moved(inverse_shift_rows, 3)};
 };
 constexpr decryption_tables decryption{};
-
-constexpr uint8_t nothing = 0x80; // as an index: a permute gives 0
 
 /// Where each byte comes from when words move up by n places and leave zeroes behind.
 constexpr table words_up(unsigned n)

@@ -7,8 +7,8 @@
 #include <cstdio>
 #include <sys/socket.h>
 #include <vela/core/buffer.h>
+#include <vela/core/internal/buffer.h>
 #include <vela/core/internal/log.h>
-#include <vela/core/internal/memory.h>
 
 struct buffer_state {
     uint8_t *data;
@@ -98,9 +98,6 @@ void copy_piece(uint8_t *to, const uint8_t *from, size_t n)
     copy_ends<uint32_t>(to, from, n);
 }
 
-void destroy_buffer(buffer *b) { buffer_destroy(b); }
-using buffer_ptr = std::unique_ptr<buffer, vela::releaser<destroy_buffer>>;
-
 namespace operation
 {
 
@@ -186,7 +183,7 @@ buffer *clone(const buffer *b)
 {
     const buffer_state &s = *b->state;
     if (s.length == 0) return buffer_create();
-    buffer_ptr copy{buffer_create2(s.allocated)};
+    vela::buffer_ptr copy{buffer_create2(s.allocated)};
     if (!copy || append(copy.get(), data(b), s.length) == 0) return nullptr;
     return copy.release();
 }
@@ -261,7 +258,7 @@ buffer *buffer_create2(uint32_t capacity)
     if (!block) return nullptr;
     *block = {.object = without_state, .state = {}};
     block->object.state = &block->state;
-    buffer_ptr b{&block->object};
+    vela::buffer_ptr b{&block->object};
     return b->init(b.get(), capacity) == 0 ? b.release() : nullptr;
 }
 
