@@ -54,7 +54,7 @@ blob_attr *first_in(blob_attr *run)
 
 } // namespace
 
-TEST(Blobmsg, BuildsAndReadsWhatWasCapturedOnABus)
+TEST(Blobmsg, BuildsWhatWasCapturedOnABusAndReadsItUpToACut)
 {
     message m;
     blobmsg_add_u8(&m, "forgotten", 1);
@@ -80,15 +80,12 @@ TEST(Blobmsg, BuildsAndReadsWhatWasCapturedOnABus)
     EXPECT_EQ(7U, blobmsg_get_u16(first_in(p.found[4])));
     EXPECT_EQ(1.5, blobmsg_get_double(first_in(p.found[5])));
     EXPECT_STREQ("d", blobmsg_name(first_in(p.found[5])));
-}
 
-TEST(Blobmsg, AMessageCutAnywhereIsReadUpToTheCut)
-{
     constexpr size_t ends[] = {24, 52, 64, 76, 100, 128};
     for (size_t n = 1; n < reply.size(); ++n) {
-        const parsed p(reply_policy, reply.substr(0, n));
-        ASSERT_EQ(0, p.result) << n;
-        for (size_t i = 0; i < std::size(ends); ++i) EXPECT_EQ(n >= ends[i], p.found[i] != nullptr) << i << ' ' << n;
+        const parsed cut(reply_policy, reply.substr(0, n));
+        ASSERT_EQ(0, cut.result) << n;
+        for (size_t i = 0; i < std::size(ends); ++i) EXPECT_EQ(n >= ends[i], cut.found[i] != nullptr) << i << ' ' << n;
     }
 }
 

@@ -85,10 +85,10 @@ TEST(Satisfaction, JsonWriters)
     for (auto *write : {reasons_bar_chart_to_json, anomalies_bar_chart_to_json}) {
         expect(write(scores), "-1 0 1 2 3 4 5 6 7 8 9 10 11 12 13 14 ");
     }
-    const vela_tcp_stats unset = {1, 2, 3, 4, UINT32_MAX, 5, 6, UINT64_MAX};
-    expect(tcp_stats_to_json(&unset), "1 2 3 -1 -1 5 6 -1 ");
-    const vela_tcp_stats set = {1, 2, 3, UINT32_MAX, 7, 5, 6, 8};
-    expect(tcp_stats_to_json(&set), "1 2 3 4294967295 7 5 6 8 ");
+    vela_tcp_stats tcp = {1, 2, 3, UINT32_MAX, 7, 5, 6, UINT64_MAX};
+    expect(tcp_stats_to_json(&tcp), "1 2 3 4294967295 7 5 6 -1 ");
+    tcp.lat_min = UINT32_MAX; // no sample: the longest is unknown too
+    expect(tcp_stats_to_json(&tcp), "1 2 3 -1 -1 5 6 -1 ");
     const vela_wifi_tx_lat latency = {10, 2, 3, UINT32_MAX, -4};
     expect(wifi_tx_lat_to_json(&latency), "10 2 3 4294967295 -4 ");
 }

@@ -135,10 +135,9 @@ TEST_F(Ubus, WhatIsMissingIsRefusedAndLookupsStoreWhatTheyFind)
     EXPECT_EQ(-EINVAL, vela_ubus_find_object(iface, ""));
     EXPECT_EQ(-EINVAL, vela_ubus_find_object(iface, nullptr));
     iface->service = nullptr;
-    for (const iface_ptr incomplete : {iface, iface_ptr{}}) {
-        EXPECT_EQ(-EINVAL, vela_ubus_find_service(incomplete));
-        EXPECT_EQ(-EINVAL, vela_ubus_find_object(incomplete, "vt"));
-    }
+    EXPECT_EQ(-EINVAL, vela_ubus_find_service(iface));
+    EXPECT_EQ(-EINVAL, vela_ubus_find_object(iface, "vt"));
+    EXPECT_EQ(-EINVAL, vela_ubus_find_object(nullptr, "vt"));
     EXPECT_EQ(vu, iface->id);
 }
 
@@ -186,20 +185,19 @@ TEST_F(Ubus, ARecordWaitsForItsBusAndRegainsIt)
 
 TEST_F(Ubus, ABusThatDiesAnywhereIsRegained)
 {
-    const std::vector<step> lives[] = {
-        talk({}, step::die),
-        talk({hello.substr(0, 5)}, step::die),
-        talk({hello}, step::die),
-        talk({hello, lookup}, step::die),
-        talk({hello, lookup, found.substr(0, 30)}, step::die),
-        talk({hello + found.substr(0, 7), lookup}, step::die),
-        talk({hello, lookup, found}, step::die),
-        talk({hello, lookup, found + ok}, step::die),
-        talk({hello + "\1" + hello.substr(1)}), // lives on, but talks nonsense
-    };
+    // By turns with what was asked; the last of them is nonsense.
+    const std::vector<std::string> last_words[] = {{},
+                                                   {hello.substr(0, 5)},
+                                                   {hello},
+                                                   {hello, lookup},
+                                                   {hello, lookup, found.substr(0, 30)},
+                                                   {hello + found.substr(0, 7), lookup},
+                                                   {hello, lookup, found},
+                                                   {hello, lookup, found + ok},
+                                                   {hello + "\1" + hello.substr(1)}};
     std::vector<iface_ptr> records;
-    for (const auto &steps : lives) {
-        const bus_script peer(path, steps);
+    for (const auto &turns : last_words) {
+        const bus_script peer(path, talk(turns, step::die));
         records.push_back(open(2));
         ASSERT_NE(nullptr, records.back());
         EXPECT_TRUE(runs_until([&] { return records.back()->timer; })) << records.size();
@@ -384,8 +382,7 @@ TEST_F(Ubus, NoBusHoldsAnybodyForLong)
     expect_a_few_seconds([&] { EXPECT_EQ(7, ubus_lookup_id(k.get(), "vt", &id)); });
     expect_a_few_seconds([] { EXPECT_FALSE(connected()) << "accepted by the kernel"; });
     std::vector<int> backlog; // full: connecting itself waits
-    sockaddr_un address{AF_UNIX, {}};
-    strcpy(address.sun_path, path);
+    const sockaddr_un address{AF_UNIX, "/tmp/bus.sock"};
     do {
         backlog.push_back(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0));
     } while (connect(backlog.back(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0);
