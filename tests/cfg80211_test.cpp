@@ -9,6 +9,7 @@
 #include <vela/settings.h>
 #include <vela/wireless/cfg80211.h>
 
+using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -49,6 +50,7 @@ protected:
     fake_netlink kernel;
     vl_cfg80211_context context = {kernel.socket(), nullptr, 0, 0, fake_netlink::family(), nullptr};
     log_lines log;
+    uint8_t buffer[8] = {1, 2, 3, 4, 5, 6, 7, 8};
 
     ~Vendor() override { EXPECT_EQ(0, kernel.open_contexts) << "contexts left open"; }
 
@@ -100,32 +102,31 @@ TEST_F(Vendor, ContextIsTriedThreeTimesAndClosedOnEveryPath)
 
     uint8_t statistics[VL_ATHSTAT_SIZE] = {42};
     int32_t value = 5;
-    kernel.refused_openings = 9;
-    EXPECT_EQ(-EIO, vl_cfg80211_get_wifi_param_int("lo", 1, &value));
-    EXPECT_EQ(-EIO, vl_cfg80211_send_generic_set_command("lo", 223, &value, sizeof value, 0, nullptr));
-    EXPECT_EQ(-EIO, get_athstat("lo", statistics));
-    const auto failed = [](int code) {
-        return log_line{"error", "nl80211", "vl_cfg80211_init",
-                        "unable to create NL socket after 3 tries, ret = " + std::to_string(code)};
+    const auto all = [&] {
+        return std::vector{vl_cfg80211_get_wifi_param_int("lo", 1, &value), get_athstat("lo", statistics),
+                           vl_cfg80211_send_generic_set_command("lo", 223, buffer, sizeof buffer, 0, nullptr)};
     };
-    EXPECT_THAT(log.take(),
-                ElementsAre(failed(-17), failed(-14), failed(-11),
-                            log_line{"debug", "libvela", "get_athstat", "unable to get ath_info, ret = -5"}));
-
-    kernel.refuse(-95), kernel.refuse(-95), kernel.refuse(-95);
-    EXPECT_EQ(-1, vl_cfg80211_get_wifi_param_int("lo", 1, &value));
-    EXPECT_EQ(-1, vl_cfg80211_send_generic_set_command("lo", 223, &value, sizeof value, 0, nullptr));
-    EXPECT_EQ(-1, get_athstat("lo", statistics));
-    EXPECT_EQ(42, statistics[0]);
+    kernel.refused_openings = 9;
+    EXPECT_THAT(all(), Each(-EIO));
+    const std::string failed = "unable to create NL socket after 3 tries, ret = ";
     EXPECT_THAT(log.texts(),
-                ElementsAre("couldn't send NL command, ret = -95", "send command failed, cmd = 223, ret = -95",
-                            "send command failed, cmd = 501, ret = -95", "unable to get ath_info, ret = -1"));
+                ElementsAre(failed + "-17", failed + "-14", "unable to get ath_info, ret = -5", failed + "-11"));
 
-    answer({{1, 2, 3, 4}}), answer({{7}});
-    EXPECT_EQ(0, vl_cfg80211_get_wifi_param_int("lo", 1, &value));
+    for (int n = 0; n < 3; ++n) kernel.refuse(-95);
+    EXPECT_THAT(all(), Each(-1));
+    EXPECT_EQ(42, statistics[0]);
+    EXPECT_THAT(log.take(), ElementsAre(log_line{"debug", "nl80211", "vl_cfg80211_get_wifi_param_int",
+                                                 "couldn't send NL command, ret = -95"},
+                                        log_line{"debug", "nl80211", "vl_cfg80211_send_generic_set_command",
+                                                 "send command failed, cmd = 501, ret = -95"},
+                                        log_line{"debug", "libvela", "get_athstat", "unable to get ath_info, ret = -1"},
+                                        testing::_));
+
+    for (int n = 0; n < 3; ++n) answer({{1, 2, 3, 4}});
+    EXPECT_THAT(all(), Each(0));
     EXPECT_EQ(0x04030201, value);
-    EXPECT_EQ(0, get_athstat("lo", statistics));
-    EXPECT_EQ(7, statistics[0]);
+    EXPECT_EQ(1, statistics[0]);
+    EXPECT_EQ(4, buffer[3]);
 }
 
 TEST_F(Vendor, ParametersAreReadAndSet)
@@ -150,7 +151,6 @@ TEST_F(Vendor, ParametersAreReadAndSet)
 
 TEST_F(Vendor, GenericAnswersFillTheBufferOrGoToTheCallback)
 {
-    uint8_t buffer[8] = {1, 2, 3, 4, 5, 6, 7, 8};
     const auto generic = [&](int id, vl_cfg80211_reply_callback callback = nullptr) {
         return vl_cfg80211_send_generic_set_command_ctx(&context, "lo", buffer, sizeof buffer, callback, id);
     };

@@ -1,15 +1,18 @@
 #include "tests/wifi/machine.h"
 
 #include <gmock/gmock.h>
-#include <memory>
+#include <map>
 #include <set>
 #include <sstream>
 #include <vela/wireless/scan.h>
+
+using testing::Each;
 
 namespace
 {
 
 using lines = std::multiset<std::string>; // "BSSID FREQUENCY FIGURE INTERVAL ESSID"
+using entries = std::map<std::string, scan_entry>;
 
 /// What an independent tool says of the same list.
 lines from_iw(const std::string &ifname)
@@ -25,34 +28,36 @@ lines from_iw(const std::string &ifname)
     return result;
 }
 
-std::unique_ptr<scan_list, decltype(&free_scanlist)> list_of(const char *ifname)
-{
-    return {get_scanlist(ifname), free_scanlist};
-}
-
-const scan_entry *find(const scan_list *list, const std::string &essid)
-{
-    for (const scan_entry *e = list->first; e != reinterpret_cast<const scan_entry *>(list); e = e->next) {
-        if (e->essid == essid) return e;
-    }
-    return nullptr;
-}
-
-lines from_list(const scan_list *list)
+lines lines_of(const entries &list)
 {
     lines result;
-    for (const scan_entry *e = list->first; e != reinterpret_cast<const scan_entry *>(list); e = e->next) {
+    for (const auto &[essid, e] : list) {
         char line[96];
-        snprintf(line, sizeof line, "%02x:%02x:%02x:%02x:%02x:%02x %u %d %u %s", e->bssid[0], e->bssid[1], e->bssid[2],
-                 e->bssid[3], e->bssid[4], e->bssid[5], e->freq, e->rssi, e->beacon_interval, e->essid);
+        snprintf(line, sizeof line, "%02x:%02x:%02x:%02x:%02x:%02x %u %d %u %s", e.bssid[0], e.bssid[1], e.bssid[2],
+                 e.bssid[3], e.bssid[4], e.bssid[5], e.freq, e.rssi, e.beacon_interval, e.essid);
         result.insert(line);
     }
     return result;
 }
 
+/// The entries of an interface's list by their names.
+entries heard_by(const char *ifname)
+{
+    entries result;
+    scan_list *list = get_scanlist(ifname);
+    for (auto *e = list->first; e != reinterpret_cast<scan_entry *>(list); e = e->next) result.emplace(e->essid, *e);
+    free_scanlist(list);
+    return result;
+}
+
 bool hears(const char *ifname, const std::string &essid)
 {
-    return machine::eventually([&] { return find(list_of(ifname).get(), essid) != nullptr; });
+    return machine::eventually([&] { return heard_by(ifname).contains(essid); });
+}
+
+bool tells(const char *event)
+{
+    return machine::eventually([&] { return site::read_file("/tmp/events").find(event) != std::string::npos; });
 }
 
 class Scan : public testing::Test
@@ -79,15 +84,13 @@ TEST_F(Scan, ListAgreesWithIwEntryByEntry)
     ASSERT_TRUE(hears("wlan2", "mesh"));
     ASSERT_TRUE(hears("wlan2", "a name of thirty-two characters"));
 
-    const auto list = list_of("wlan2");
-    EXPECT_EQ(from_iw("wlan2"), from_list(list.get()));
-
-    const scan_entry *const node_entry = find(list.get(), "mesh");
-    EXPECT_THAT(node_entry->mesh, testing::Each(1U));
-    EXPECT_EQ(0, memcmp(node.serial, node_entry->serial, 6));
-    EXPECT_THAT(find(list.get(), "a name of thirty-two characters")->mesh, testing::Each(0U));
-    machine::tell("wlan2 hears the mesh node %s at %u MHz, figure %d", node_entry->essid, node_entry->freq,
-                  node_entry->rssi);
+    auto list = heard_by("wlan2");
+    EXPECT_EQ(from_iw("wlan2"), lines_of(list));
+    const scan_entry &found = list["mesh"];
+    EXPECT_THAT(found.mesh, Each(1U));
+    EXPECT_EQ(0, memcmp(node.serial, found.serial, 6));
+    EXPECT_THAT(list["a name of thirty-two characters"].mesh, Each(0U));
+    machine::tell("wlan2 hears the mesh node %s at %u MHz, figure %d", found.essid, found.freq, found.rssi);
 }
 
 TEST_F(Scan, RequestNamesNetworkAndFrequencies)
@@ -97,23 +100,18 @@ TEST_F(Scan, RequestNamesNetworkAndFrequencies)
     const uint32_t freqs[] = {2412, 2462};
     site::run("ip link set wlan3 up");
     site::run("sh -c 'iw event >/tmp/events 2>&1 & echo $! >/tmp/events.pid'");
-    ASSERT_TRUE(machine::eventually([&] {
-        site::run(
-            "iw dev wlan3 interface add probe type managed; iw dev probe del"); // iw listens once it tells of this
+    ASSERT_TRUE(machine::eventually([&] { // it listens once it tells of this
+        site::run("iw dev wlan3 interface add probe type managed; iw dev probe del");
         return !site::read_file("/tmp/events").empty();
     }));
     ASSERT_EQ(0, vela_scan_request_freqs("wlan3", "hidden", freqs, 2));
     EXPECT_TRUE(hears("wlan3", "hidden"));
-    EXPECT_TRUE(machine::eventually([] {
-        return site::read_file("/tmp/events").find("scan finished: 2412 2462, \"hidden\"") != std::string::npos;
-    })) << site::read_file("/tmp/events");
+    EXPECT_TRUE(tells("scan finished: 2412 2462, \"hidden\"")) << site::read_file("/tmp/events");
 
     // No list or none counted: all frequencies.
     ASSERT_TRUE(machine::eventually([&] { return vela_scan_request_freqs("wlan3", nullptr, freqs, 0) == 0; }));
     machine::iw("dev wlan3 scan abort");
-    EXPECT_TRUE(machine::eventually([] {
-        return site::read_file("/tmp/events").find("scan aborted: 2412 2417 2422") != std::string::npos;
-    })) << site::read_file("/tmp/events");
+    EXPECT_TRUE(tells("scan aborted: 2412 2417 2422")) << site::read_file("/tmp/events");
     site::run("kill $(cat /tmp/events.pid)");
 }
 
