@@ -136,10 +136,10 @@ private:
     {
         const ssize_t got = receive(reply_.buffer + received_, length);
         if (got < 0) log_error_as(waiting, "recvfrom payload: %i/%s", errno, strerror(errno));
-        if (got >= 0 && got != length) log_error_as(waiting, "short payload: got %zd, expected %u", got, length);
-        if (got != length) return false;
-        received_ += length;
-        return true;
+        const bool whole = got == static_cast<ssize_t>(length);
+        if (got >= 0 && !whole) log_error_as(waiting, "short payload: got %zd, expected %u", got, length);
+        if (whole) received_ += length;
+        return whole;
     }
 
     /// One datagram, and its sender's address into the reply. Never blocks beyond the deadline: ETIMEDOUT.
