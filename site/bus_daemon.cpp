@@ -514,6 +514,7 @@ bus_script::bus_script(std::string path, std::vector<step> steps) : bus_process{
 std::vector<bus_script::step> talk(std::vector<std::string> turns, bus_script::action then, bus_script::action say)
 {
     std::vector<bus_script::step> steps;
+    steps.reserve(turns.size() + 1);
     for (auto &turn : turns) steps.push_back({steps.size() % 2 == 0 ? say : bus_script::step::expect, std::move(turn)});
     steps.push_back({then, ""});
     return steps;
