@@ -1,6 +1,7 @@
 #include "site/world.h"
 #include "tests/support/leaks.h"
 #include "tests/support/log_lines.h"
+#include "tests/support/signal_storm.h"
 #include "tests/support/table.h"
 
 #include <gmock/gmock.h>
@@ -45,9 +46,11 @@ TEST(Regulatory, TargetPower)
     site::put_program(tool, R"(echo "$*" >> /tmp/asked
 echo "country US"
 echo "0 36 I 20 6 1"
+sleep 0.01
 echo "1 40 IDX 30 6 1"
 echo "3 48 I"
 echo "4 52 - -3 0 1")");
+    const signal_storm storm; // a listing is read through signals
     const table<const char *, request, answer> cases = {
         {"the channel's limit", {}, {0, 20, 20}},
         {"the radio's limit", {.channel = 40}, {0, 23, 23}},

@@ -8,6 +8,7 @@
 #include <vela/core/internal/buffer.h>
 #include <vela/core/internal/log.h>
 #include <vela/core/internal/own.h>
+#include <vela/core/internal/stream.h>
 #include <vela/core/internal/text.h>
 #include <vela/exec/exec.h>
 
@@ -149,18 +150,6 @@ struct captured {
     }
 };
 
-/// fread that goes on after a signal: a handler without SA_RESTART, as event loops install for SIGCHLD, would otherwise
-/// cut a command's output short when the command ends.
-size_t read_through_signals(FILE *stream, char *out, size_t size)
-{
-    size_t length = fread(out, 1, size, stream);
-    while (length < size && ferror(stream) && errno == EINTR) {
-        clearerr(stream);
-        length += fread(out + length, 1, size - length, stream);
-    }
-    return length;
-}
-
 void read_output(FILE *stream, const char *command, captured &out, uint32_t max)
 {
     static constexpr const char *step = "popen_alloc_output";
@@ -171,7 +160,7 @@ void read_output(FILE *stream, const char *command, captured &out, uint32_t max)
         }
         if (out.room() == 0) return;
         char *end = out.text.get() + out.length;
-        out.length += static_cast<uint32_t>(read_through_signals(stream, end, std::min(out.room(), output_step)));
+        out.length += static_cast<uint32_t>(vela::read_through_signals(stream, end, std::min(out.room(), output_step)));
         if (ferror(stream)) {
             log_error_as(step, "Failed to read from stream, command='%s'", command);
             return;
@@ -285,7 +274,7 @@ int32_t popen_get_output(const char *command, char *buf, uint32_t size)
         log_error("get_output: popen[%s] -> NULL", command);
         return -1;
     }
-    const auto length = static_cast<uint32_t>(read_through_signals(pipe.get(), buf, size));
+    const auto length = static_cast<uint32_t>(vela::read_through_signals(pipe.get(), buf, size));
 
     const int status = pclose(pipe.release());
     if (status == -1) {

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <vela/core/internal/log.h>
 #include <vela/core/internal/own.h>
+#include <vela/core/internal/stream.h>
 #include <vela/core/internal/text.h>
 #include <vela/wireless/freq.h>
 #include <vela/wireless/internal/regulatory.h>
@@ -113,7 +114,7 @@ namespace vela::regulatory
 void read_channels(FILE *listing, int32_t antenna_gain, limits &channels)
 {
     char line[line_size];
-    while (fgets(line, sizeof line, listing)) {
+    while (vela::line_through_signals(listing, line)) {
         const auto limit = parse_channel(line, antenna_gain);
         if (limit && channels.count < channels_max) channels.entries[channels.count++] = *limit;
     }
@@ -172,7 +173,7 @@ unsigned vl_regulatory_get_restricted_modes(uint32_t country)
 {
     char line[line_size];
     const vela::pipe_ptr answer = run(vela::formatted<64>{country_command, country}.c_str());
-    const bool answered = answer && fgets(line, sizeof line, answer.get());
+    const bool answered = answer && vela::line_through_signals(answer.get(), line);
     const auto modes = answered ? vela::regulatory::phy_modes(line) : std::nullopt;
     if (modes) return restricted_by(*modes);
     log_error("Couldn't get phymode_bitmap! Proceeding without adjustments.");
