@@ -6,7 +6,6 @@
 #include <climits>
 #include <csignal>
 #include <cstdlib>
-#include <ctime>
 #include <fcntl.h>
 #include <poll.h>
 #include <span>
@@ -16,6 +15,7 @@
 #include <vela/core/internal/log.h>
 #include <vela/core/internal/own.h>
 #include <vela/core/internal/text.h>
+#include <vela/core/internal/wait.h>
 #include <vela/core/json.h>
 #include <vela/net/bridge.h>
 #include <vela/services/internal/lldp.h>
@@ -30,7 +30,7 @@ constexpr const char *step = "vela_get_lldp_json";
 constexpr const char *const command[]{"lldpcli", "-f", "json", "show", "neigh", nullptr};
 constexpr size_t output_size = 16384;
 constexpr int silence_ms = 2000;
-constexpr int64_t total_ms = 10000;
+constexpr int total_ms = 10000;
 constexpr int64_t slow_s = 3;
 constexpr int quiet_after = 5; // "no neighbours" is said so often in a row
 
@@ -55,13 +55,6 @@ enum failure {
 constinit int empty_answers = 0;
 
 void log_failure(int code) { log_error_as(step, "wireless/lldp error %d", code); }
-
-int64_t now_ms()
-{
-    timespec now = {};
-    (void)clock_gettime(CLOCK_MONOTONIC, &now); // cannot fail for this clock
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
 
 /// The running client: its output, and its process group, which is ended with it when it does not end by itself.
 class client
@@ -94,12 +87,11 @@ public:
     }
     [[nodiscard]] int output() const { return output_.get(); }
 
-    /// Waits for the client so long, then ends it.
-    void finish(int64_t patience_ms)
+    /// Waits for the client until then, and ends it if it is still there.
+    void finish(const vela::deadline &until)
     {
-        const int64_t deadline = now_ms() + patience_ms;
         while (waitpid(pid_, nullptr, WNOHANG) == 0) {
-            if (now_ms() >= deadline) return kill_group();
+            if (until.passed()) return kill_group();
             (void)poll(nullptr, 0, 5);
         }
         pid_ = -1;
@@ -119,31 +111,33 @@ private:
 };
 
 /// Reads until the client hangs up. What does not fit is read and dropped. 0, or what to log; 1 for a time-out.
-int read_all(const client &running, std::span<char> text, int64_t deadline_ms)
+int read_all(const client &running, std::span<char> text, const vela::deadline &total)
 {
     size_t used = 0;
-    for (;;) {
-        pollfd waiting = {running.output(), POLLIN, 0};
-        const int ready = now_ms() < deadline_ms ? poll(&waiting, 1, silence_ms) : 0;
-        if (ready == 0) return 1;
-        if (ready < 0 && errno == EINTR) continue;
-        if (ready < 0) return poll_failed - errno;
+    while (!total.passed()) {
+        const auto until = vela::deadline::earlier(vela::deadline::after_ms(silence_ms), total);
+        const auto ready = vela::wait_through_signals(running.output(), POLLIN, until);
+        if (ready == vela::wait_result::timeout) return 1;
+        if (ready == vela::wait_result::failed) return poll_failed - errno;
         char dropped[512];
         const bool room = used < text.size() - 1;
         const ssize_t n = room ? read(running.output(), text.data() + used, text.size() - 1 - used)
                                : read(running.output(), dropped, sizeof dropped);
         if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
+        if (n <= 0) {
+            text[used] = '\0';
+            return 0;
+        }
         if (room) used += static_cast<size_t>(n);
     }
-    text[used] = '\0';
-    return 0;
+    return 1;
 }
 
 /// The client's output, or null after logging why.
 vela::c_string client_output()
 {
-    const int64_t start_ms = now_ms();
+    const auto start_ns = vela::monotonic_ns();
+    const auto total = vela::deadline::after_ms(total_ms);
     client running;
     if (!running.start()) {
         log_failure(cannot_run);
@@ -154,12 +148,13 @@ vela::c_string client_output()
         log_failure(no_memory);
         return nullptr;
     }
-    const int result = read_all(running, {text.get(), output_size}, start_ms + total_ms);
+    const int result = read_all(running, {text.get(), output_size}, total);
     if (result == 1) log_info_as(step, "Poll timeout");
     if (result < 0) log_failure(result);
     if (result != 0) return nullptr;
-    running.finish(silence_ms);
-    const int64_t seconds = (now_ms() - start_ms) / 1000;
+    running.finish(vela::deadline::after_ms(silence_ms));
+    const auto end_ns = vela::monotonic_ns();
+    const int64_t seconds = start_ns && end_ns ? (*end_ns - *start_ns) / 1'000'000'000 : 0;
     if (seconds >= slow_s) log_error_as(step, "Warning: lldpcli took %ld seconds!", static_cast<long>(seconds));
     return text;
 }
