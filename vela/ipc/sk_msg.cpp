@@ -174,7 +174,7 @@ template <class Source> int32_t receive_message(Source source, sk_msg &msg, cons
 {
     // On purpose: a header cut short is not noticed, and leaves in type and len what the caller had there.
     if (source.receive(&msg, header_size) < 0) return -1;
-    vela_log_at(header_level, function, "Recv header type:%d, len:%d", msg.type, msg.len);
+    log_at(header_level, log_module, function, "Recv header type:%d, len:%d", msg.type, msg.len);
 
     int32_t received = 0;
     while (received < msg.len) {

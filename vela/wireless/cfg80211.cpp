@@ -172,9 +172,7 @@ int get_athstat(const char *ifname, void *out)
     const int result =
         vl_cfg80211_send_generic_set_command(ifname, command_radio_statistics, block, sizeof block, 0, nullptr);
     if (result < 0) {
-        if (libvela_log_enabled(LIBVELA_LOG_DEBUG)) {
-            libvela_log(LIBVELA_LOG_DEBUG, "libvela", __func__, "unable to get ath_info, ret = %d", result);
-        }
+        log_at(LIBVELA_LOG_DEBUG, "libvela", __func__, "unable to get ath_info, ret = %d", result);
         return result;
     }
     memcpy(out, block, sizeof block);

@@ -499,9 +499,7 @@ int vl_nl80211_send(void *socket_holder, nl_msg *message, vl_nl80211_reply_handl
     const vela::nl_cb_ptr callbacks{nl_cb_alloc(NL_CB_DEFAULT)};
     constexpr vela::netlink::log_origin origin{"libvela", "vl_nl80211_send"};
     if (!callbacks) {
-        if (libvela_log_enabled(LIBVELA_LOG_ERROR)) {
-            libvela_log(LIBVELA_LOG_ERROR, origin.module, origin.function, "failed to allocate netlink callbacks");
-        }
+        log_at(LIBVELA_LOG_ERROR, origin.module, origin.function, "failed to allocate netlink callbacks");
         return -1;
     }
     if (!message) return -1;

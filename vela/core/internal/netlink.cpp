@@ -3,14 +3,9 @@
 #include <fcntl.h>
 #include <net/if.h>
 #include <sys/socket.h>
+#include <vela/core/internal/log.h>
 #include <vela/core/internal/netlink.h>
 #include <vela/core/internal/text.h>
-#include <vela/core/log.h>
-
-#define log_for(origin, level, ...)                                                                                    \
-    do {                                                                                                               \
-        if (libvela_log_enabled(level)) libvela_log(level, (origin).module, (origin).function, __VA_ARGS__);           \
-    } while (0)
 
 namespace vela::netlink
 {
@@ -59,8 +54,8 @@ int on_message(nl_msg *message, void *arg)
     if (header->nlmsg_type == NLMSG_ERROR) {
         const auto text = reason(header);
         if (!text.empty()) {
-            log_for(state.origin, LIBVELA_LOG_DEBUG, "the kernel says: %.*s", static_cast<int>(text.size()),
-                    text.data());
+            log_at(LIBVELA_LOG_DEBUG, state.origin.module, state.origin.function, "the kernel says: %.*s",
+                   static_cast<int>(text.size()), text.data());
         }
     }
     return NL_OK;
@@ -78,7 +73,8 @@ int on_finish(nl_msg *message, void *arg)
     const nlmsghdr *header = nlmsg_hdr(message);
     int32_t error = 0;
     if (header->nlmsg_len >= NLMSG_HDRLEN + sizeof error) memcpy(&error, NLMSG_DATA(header), sizeof error);
-    if (error < 0) log_for(state.origin, LIBVELA_LOG_DEBUG, "the dump ended with error %d", error);
+    if (error < 0)
+        log_at(LIBVELA_LOG_DEBUG, state.origin.module, state.origin.function, "the dump ended with error %d", error);
     state.dump_error = std::min(error, 0);
     state.status = 0;
     return NL_SKIP;
@@ -101,7 +97,8 @@ void discard_rest(nl_sock *socket)
 int interrupted_dump(const log_origin &origin)
 {
     const int result = -error_dump_interrupted;
-    log_for(origin, LIBVELA_LOG_WARN, "nl_recvmsgs failed, convert to EAGAIN: %d (%s)", result, nl_geterror(result));
+    log_at(LIBVELA_LOG_WARN, origin.module, origin.function, "nl_recvmsgs failed, convert to EAGAIN: %d (%s)", result,
+           nl_geterror(result));
     return -EAGAIN;
 }
 
@@ -146,7 +143,8 @@ int await_answer(nl_sock *socket, nl_cb *callbacks, log_origin origin, int *dump
         if (received >= 0 || received == -error_interrupted) continue;
         // libnl-3 says so after the finish handler ran: its word wins over the status.
         if (received == -error_dump_interrupted) return interrupted_dump(origin);
-        log_for(origin, LIBVELA_LOG_ERROR, "nl_recvmsgs failed: %d (%s)", received, nl_geterror(received));
+        log_at(LIBVELA_LOG_ERROR, origin.module, origin.function, "nl_recvmsgs failed: %d (%s)", received,
+               nl_geterror(received));
         discard_rest(socket);
         return received;
     }

@@ -1,8 +1,8 @@
 #include <cstdlib>
 #include <vela/board/status.h>
 #include <vela/core/file.h>
+#include <vela/core/internal/log.h>
 #include <vela/core/internal/text.h>
-#include <vela/core/log.h>
 #include <vela/telemetry/internal/report.h>
 
 namespace vela::telemetry
@@ -36,9 +36,8 @@ const char *firmware_version(const char *module, const char *function)
 {
     const char *version = nullptr;
     const int error = get_version(&version);
-    if (error != 0 && libvela_log_enabled(LIBVELA_LOG_WARN)) {
-        libvela_log(LIBVELA_LOG_WARN, module, function, "Couldn't obtain firmware version! error code = %d", error);
-    }
+    if (error != 0)
+        log_at(LIBVELA_LOG_WARN, module, function, "Couldn't obtain firmware version! error code = %d", error);
     return version;
 }
 
