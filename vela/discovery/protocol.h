@@ -41,6 +41,7 @@ struct vela_protocol_ctrl {
     uint8_t more[46];
 };
 
+/** The process's one. */
 extern VELA_API struct vela_protocol_ctrl vela_protocol_ctrl;
 
 /**
@@ -78,8 +79,14 @@ VELA_API int vela_protocol_init_recv(struct event_base *base, const vela_handler
 VELA_API void vela_protocol_deinit(void);
 
 /**
- * Sends a packet to the group.
- * @return bytes sent; -1 after logging why
+ * Sends a packet from a member's socket to the group. The record's tx_seq goes with it: a packet with the sequence of
+ * the one before it is a repeat to its receivers.
+ *
+ * @param data     payload, `len` bytes; borrowed
+ * @param method   what the packet is for; picks the receivers' handlers
+ * @param type     sub-kind, the sender's choice
+ * @param encrypt  1 to encrypt, 0 for a plain packet (which receivers refuse)
+ * @return bytes of the datagram; -1 after logging why
  */
 VELA_API int vela_protocol_send(const void *data, uint32_t len, uint16_t method, uint16_t type, int encrypt);
 
@@ -98,7 +105,7 @@ VELA_API void vela_protocol_client_send(const void *data, uint32_t len, uint16_t
 /** Announces that mesh operation halts: a client send of method 6, after an init of either kind. */
 VELA_API void vela_protocol_client_event_mesh_halt_send(void);
 
-/** The kind of device that the mesh-halt packet announces. */
+/** The kind of device that the mesh-halt packet announces: always 4 in this build. */
 VELA_API int vela_device_identify(void);
 
 #ifdef __cplusplus

@@ -24,6 +24,7 @@ extern "C" {
 /** Largest piece of a message's data, in bytes. */
 #define SK_MSG_PIECE_MAX 16384
 
+/** A message: the caller's record with the caller's buffer. */
 typedef struct sk_msg {
     int32_t type; /**< chosen by the two programs, not looked at here */
     int32_t len;  /**< bytes of data; a negative length is sent, and received, as a header alone */

@@ -24,6 +24,10 @@
 #include <sys/socket.h>
 #include <vela/core/api.h>
 
+#ifndef AI_PASSIVE
+#error "struct addrinfo is hidden: compile with -std=gnu11, or define _POSIX_C_SOURCE as 200809L before any header"
+#endif
+
 #ifdef __cplusplus
 extern "C" {
 #endif

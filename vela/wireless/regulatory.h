@@ -38,7 +38,8 @@ VELA_API unsigned vl_regulatory_get_target_power(const char *custom_value, const
 
 /**
  * The PHY modes that a country restricts.
- * @return restriction bits; 0 when there are none or the tool does not say (logged)
+ * @param country  numeric country code
+ * @return restriction bits, as the radio driver takes them; 0 when there are none or the tool does not say (logged)
  */
 VELA_API unsigned vl_regulatory_get_restricted_modes(uint32_t country);
 

@@ -59,7 +59,7 @@ typedef struct vela_wifi_tx_lat {
 /** What is known of a station, and its score. Zero the record, fill the inputs, call calc_sta_satisfaction(). */
 typedef struct vela_station {
     uint16_t freq;               /**< channel, MHz */
-    uint32_t tx_rate;            /**< the driver's figure; 0 unknown */
+    uint32_t tx_rate;            /**< the driver's figure, full marks from 150000 on; 0 unknown */
     uint32_t radio_health;       /**< radio efficiency, percent */
     vela_tcp_stats tcp_stats[2]; /**< the two directions */
     uint64_t tx_tries;           /**< transmit attempts, all of them */
@@ -71,9 +71,9 @@ typedef struct vela_station {
     int32_t dns_timeouts;        /**< queries that timed out */
     int32_t dns_latency;         /**< milliseconds; -1 unknown */
     int32_t icmp_rtt;            /**< milliseconds */
-    uint8_t dhcp_seen;           /**< the DHCP exchange as it was observed */
-    uint8_t dhcp_reply_a;
-    uint8_t dhcp_requests;
+    uint8_t dhcp_seen;           /**< non-zero: it asked for an address */
+    uint8_t dhcp_reply_a;        /**< non-zero, as dhcp_reply_b: it was answered */
+    uint8_t dhcp_requests;       /**< counted; more than dhcp_replies: it asked, too */
     uint8_t dhcp_reply_b;
     uint8_t dhcp_replies;
     uint32_t disconnects; /**< in the period */
