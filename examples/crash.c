@@ -27,7 +27,7 @@ int main(int argc, char **argv)
         .data = core->data(core),
         .size = core->length(core),
     };
-    const int result = send_crash(&crash); /* LIBVELA_VERBOSITY=debug tells why, whichever way it goes */
+    const int result = send_crash(&crash); /* 0 also where nothing may be sent; the log tells what was */
     buffer_destroy(core);
 
     if (has_oops() && send_kernel_crash() == 0) oops_clear();

@@ -6,8 +6,6 @@
 #include <event2/event.h>
 #include <linux/nl80211.h>
 #include <net/if.h>
-#include <netlink/netlink.h>
-/**/
 #include <netlink/attr.h>
 #include <signal.h>
 #include <stdio.h>

@@ -1,5 +1,5 @@
 /* Takes a URL apart and looks its address up: ./example-url https://localhost:8443/inform */
-#include <netdb.h>
+#define _POSIX_C_SOURCE 200809L /* for struct addrinfo, where the compiler is told -std=c11 */
 #include <stdio.h>
 #include <stdlib.h>
 #include <vela/net/url.h>

@@ -10,7 +10,7 @@ int main(void)
 
     xwd_start(); /* first thing, before threads and children */
     for (round = 0; round < 3; ++round) {
-        usleep(100 * 1000); /* the daemon's work */
+        sleep(1); /* the daemon's work */
         xwd_ping();
     }
     xwd_end(); /* else the supervisor takes the end for a crash */
