@@ -16,6 +16,7 @@ set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME libvela1)
 set(CPACK_PACKAGE_CONTACT "libvela maintainers <maintainers@vela.example>")
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "pkg-config, libjansson-dev") # the headers are in it, and include jansson's
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_STRIP_FILES ON)
 include(CPack)
