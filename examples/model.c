@@ -10,9 +10,9 @@ int main(void)
     cfg_entry *config = parse("/tmp/system.cfg"); /* null, where there is none, is an empty configuration */
 
     /* All of them are no where the board could not be identified. */
-    printf("system id %u:%s%s%s%s\n", get_orb_sysId(), is_orb_ap() ? " access point" : "",
-           is_router_ap() ? " router" : "", is_6ghz_supported() ? " 6 GHz" : "",
-           is_poe_powered() ? " powered over Ethernet" : "");
+    printf("system id %u%s%s%s%s\n", get_orb_sysId(), is_orb_ap() ? ", access point" : "",
+           is_router_ap() ? ", router" : "", is_6ghz_supported() ? ", 6 GHz" : "",
+           is_poe_powered() ? ", powered over Ethernet" : "");
     printf("analytics %s, core dumps %s\n", analytics[get_analytics_mode(config)],
            get_analytics_coredump_mode(config) ? "may be uploaded" : "stay here");
     free_cfg(config);
