@@ -1,6 +1,7 @@
 // One command of velactl: it gathers its answer as a JSON value; the tool prints it for people or for scripts.
 #pragma once
 
+#include <cstdint>
 #include <jansson.h>
 #include <memory>
 #include <span>
@@ -49,8 +50,8 @@ extern const std::span<const command> wireless_commands;
 /// The configuration file to ask: --config, or the running one.
 extern std::string config_path;
 
-/// An object of the given pairs; null values are left out.
 json object();
+json text(const char *value);                                     ///< made UTF-8
 void set(const json &object, const char *key, const char *value); ///< null: left out; made UTF-8
 void set(const json &object, const char *key, const std::string &value);
 void set(const json &object, const char *key, long long value);
@@ -58,10 +59,13 @@ void set_flag(const json &object, const char *key, bool value);
 void set(const json &object, const char *key, json value);
 void append(const json &array, json value);
 
-/// A whole number, or trouble that names the argument.
-long long number(const char *text, const char *what);
+/// "02:56:4c:00:00:0a".
+std::string address(const uint8_t *mac);
 
-/// Prints for people: objects as aligned lines, arrays of objects as tables.
+/// A whole number from least to most, or trouble that names the argument.
+long long number(const char *text, const char *what, long long least, long long most);
+
+/// Prints for people: objects as aligned lines, arrays of objects as tables; "none" on standard error for an empty one.
 void print(const json_t *value);
 
 } // namespace velactl

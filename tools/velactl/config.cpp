@@ -44,7 +44,7 @@ json get(arguments given)
     const config c = load(config_path);
     const char *value = get_value(c.get(), given.size() > 1 ? given[1] : nullptr, "%s", given[0]);
     if (!value) throw trouble(status::failed, std::string("no key \"") + given[0] + "\"; velactl list shows them");
-    return json{json_string(value)};
+    return text(value);
 }
 
 json list(arguments given)
@@ -66,13 +66,21 @@ json diff(arguments given)
     const config older = load(given[0]);
     const config newer = load(given[1]);
     const iterator changes{get_cfg_diff_it(older.get(), newer.get())};
-    return rows(changes.get());
+    json result{json_array()};
+    for (const cfg_entry *e = changes.get(); e; e = e->next) {
+        json row = object();
+        set(row, "key", e->key);
+        set(row, "old", get_value(older.get(), nullptr, "%s", e->key));
+        set(row, "new", get_value(newer.get(), nullptr, "%s", e->key));
+        append(result, std::move(row));
+    }
+    return result;
 }
 
 constexpr command commands[] = {
     {"get", "KEY [DEFAULT]", "one value", 1, 2, get},
-    {"list", "[PREFIX]", "entries whose key begins so", 0, 1, list},
-    {"section", "PREFIX [.POSTFIX]", "numbered elements, \"radio. .mode\"", 1, 2, section},
+    {"list", "[PREFIX]", "the entries, or those whose key begins so", 0, 1, list},
+    {"section", "PREFIX [.POSTFIX]", "numbered elements: section radio. .mode", 1, 2, section},
     {"diff", "OLD NEW", "what changed between two files", 2, 2, diff},
 };
 

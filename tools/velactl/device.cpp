@@ -30,13 +30,6 @@ std::string hexadecimal(unsigned value, int digits)
     return text;
 }
 
-std::string address(const uint8_t *mac)
-{
-    char text[18];
-    snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
-    return text;
-}
-
 json board(arguments)
 {
     const board_record &b = identified_board();

@@ -2,6 +2,7 @@
 #include "command.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -27,18 +28,21 @@ const group groups[] = {
     {"Radios and the mesh", velactl::wireless_commands},
 };
 
+std::string synopsis(const command &c) { return std::string(c.name) + (*c.parameters ? " " : "") + c.parameters; }
+
 void help(FILE *out)
 {
-    fputs("usage: velactl [--json] [--verbose] COMMAND [ARGUMENT...]\n\n"
+    fputs("usage: velactl [OPTION...] COMMAND [ARGUMENT...]\n\n"
           "  --json, -j      print JSON, for scripts\n"
           "  --config FILE   ask this configuration file instead of /tmp/system.cfg\n"
           "  --verbose, -v   show what the library logs, on standard error; twice: all of it\n"
-          "  --help, -h      this page; velactl COMMAND --help for one command\n",
+          "  --help, -h      this page; velactl COMMAND --help for one command\n"
+          "  --version       the library's version\n",
           out);
     for (const auto &g : groups) {
         fprintf(out, "\n%s\n", g.title);
         for (const auto &c : g.commands) {
-            const std::string left = std::string(c.name) + " " + c.parameters;
+            const std::string left = synopsis(c);
             fprintf(out, "  %-34s%s\n", left.c_str(), c.help);
         }
     }
@@ -58,6 +62,7 @@ const command *find(std::string_view name)
 struct options {
     bool as_json = false;
     bool wants_help = false;
+    bool wants_version = false;
     int verbose = 0;
     char **rest = nullptr; ///< the command and what follows it
 };
@@ -73,7 +78,10 @@ options parse_options(char **argv)
             ++given.verbose;
         } else if (option == "--help" || option == "-h") {
             given.wants_help = true;
-        } else if (option == "--config" && given.rest[1]) {
+        } else if (option == "--version") {
+            given.wants_version = true;
+        } else if (option == "--config") {
+            if (!given.rest[1]) throw velactl::trouble(status::misused, "--config wants a file");
             velactl::config_path = *++given.rest;
         } else {
             throw velactl::trouble(status::misused,
@@ -102,6 +110,10 @@ void show(const velactl::json &result, bool as_json)
 status run(char **argv)
 {
     const options given = parse_options(argv);
+    if (given.wants_version) {
+        puts("velactl " VELA_VERSION);
+        return status::done;
+    }
     if (given.wants_help || !*given.rest) {
         help(given.wants_help ? stdout : stderr);
         return given.wants_help ? status::done : status::misused;
@@ -114,12 +126,14 @@ status run(char **argv)
     size_t count = 0;
     while (given.rest[count + 1]) ++count;
     const velactl::arguments arguments{given.rest + 1, count};
-    const std::string usage = std::string("usage: velactl ") + chosen->name + " " + chosen->parameters;
+    const std::string usage = "usage: velactl " + synopsis(*chosen);
     if (count == 1 && (strcmp(arguments[0], "--help") == 0 || strcmp(arguments[0], "-h") == 0)) {
         printf("%s\n%s\n", usage.c_str(), chosen->help);
         return status::done;
     }
-    if (count < chosen->least || count > chosen->most) throw velactl::trouble(status::misused, usage);
+    if (count < chosen->least || count > chosen->most) {
+        throw velactl::trouble(status::misused, "arguments missing or too many; " + usage);
+    }
     set_log(given.verbose);
     show(chosen->run(arguments), given.as_json);
     return status::done;
@@ -130,9 +144,15 @@ status run(char **argv)
 int main(int, char **argv)
 {
     try {
-        return static_cast<int>(run(argv));
+        const status result = run(argv);
+        if (fflush(stdout) != 0)
+            throw velactl::trouble(status::failed, std::string("cannot write: ") + strerror(errno));
+        return static_cast<int>(result);
     } catch (const velactl::trouble &t) {
         fprintf(stderr, "velactl: %s\n", t.what());
         return static_cast<int>(t.exits_with);
+    } catch (const std::exception &e) {
+        fprintf(stderr, "velactl: %s\n", e.what());
+        return static_cast<int>(status::failed);
     }
 }

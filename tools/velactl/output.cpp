@@ -49,13 +49,24 @@ void print_row(const std::vector<std::string> &cells, const std::vector<size_t> 
     puts(line.c_str());
 }
 
-// Columns are the members of the first row.
+/// The members of all rows, in the order in which they first come.
+std::vector<std::string> columns(const json_t *rows)
+{
+    std::vector<std::string> names;
+    for (size_t i = 0; i < json_array_size(rows); ++i) {
+        const char *key = nullptr;
+        json_t *member = nullptr;
+        json_object_foreach(json_array_get(rows, i), key, member)
+        {
+            if (std::find(names.begin(), names.end(), key) == names.end()) names.emplace_back(key);
+        }
+    }
+    return names;
+}
+
 void print_table(const json_t *rows)
 {
-    std::vector<std::vector<std::string>> cells(1);
-    const char *key = nullptr;
-    json_t *member = nullptr;
-    json_object_foreach(json_array_get(rows, 0), key, member) { cells[0].emplace_back(key); }
+    std::vector<std::vector<std::string>> cells{columns(rows)};
     for (size_t i = 0; i < json_array_size(rows); ++i) {
         auto &row = cells.emplace_back();
         for (const auto &column : cells[0]) {
@@ -95,17 +106,19 @@ void print_object(json_t *value)
 
 json object() { return json{json_object()}; }
 
+json text(const char *value)
+{
+    std::string clean = value; // names come from the air, values from a file
+    utf8_sanitize(clean.data());
+    return json{json_string(clean.c_str())};
+}
+
 void set(const json &object, const char *key, const char *value)
 {
     if (value) set(object, key, std::string(value));
 }
 
-void set(const json &object, const char *key, const std::string &value)
-{
-    std::string clean = value; // names come from the air
-    utf8_sanitize(clean.data());
-    json_object_set_new(object.get(), key, json_string(clean.c_str()));
-}
+void set(const json &object, const char *key, const std::string &value) { set(object, key, text(value.c_str())); }
 
 void set(const json &object, const char *key, long long value)
 {
@@ -121,13 +134,21 @@ void set(const json &object, const char *key, json value) { json_object_set_new(
 
 void append(const json &array, json value) { json_array_append_new(array.get(), value.release()); }
 
-long long number(const char *text, const char *what)
+std::string address(const uint8_t *mac)
+{
+    char text[18];
+    snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
+    return text;
+}
+
+long long number(const char *text, const char *what, long long least, long long most)
 {
     char *end = nullptr;
     errno = 0;
-    const long long value = strtoll(text, &end, 0);
-    if (errno != 0 || end == text || *end != '\0') {
-        throw trouble(status::misused, std::string(what) + " must be a whole number, not \"" + text + "\"");
+    const long long value = strtoll(text, &end, 10);
+    if (errno != 0 || end == text || *end != '\0' || value < least || value > most) {
+        throw trouble(status::misused, std::string(what) + " must be a whole number from " + std::to_string(least) +
+                                           " to " + std::to_string(most) + ", not \"" + text + "\"");
     }
     return value;
 }
@@ -139,6 +160,7 @@ void print(const json_t *value)
     } else if (json_is_object(value)) {
         print_object(const_cast<json_t *>(value));
     } else if (json_is_array(value)) {
+        if (json_array_size(value) == 0) fputs("none\n", stderr);
         for (size_t i = 0; i < json_array_size(value); ++i) puts(as_text(json_array_get(value, i)).c_str());
     } else {
         puts(as_text(value).c_str());

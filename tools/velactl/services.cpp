@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <fstream>
 #include <iterator>
-#include <vector>
+#include <sstream>
 #include <vela/ipc/ctrl-proto.h>
 #include <vela/telemetry/crash.h>
 #include <vela/telemetry/trace.h>
@@ -18,15 +18,19 @@ json op(arguments given)
 {
     const timeval timeout = {5, 0};
     json reply{service_simple_op(given[0], &timeout)};
-    if (!reply) throw trouble(status::failed, "the management daemon gave no answer to this; try velactl -v op ...");
+    if (!reply)
+        throw trouble(status::failed, "the management daemon gave no answer to this; velactl -v op ... says why");
     return reply;
 }
 
-std::vector<char> read_dump(const char *path)
+std::string read_dump(const char *path)
 {
     std::ifstream file(path, std::ios::binary);
-    if (!file) throw trouble(status::misused, std::string("cannot read ") + path);
-    return {std::istreambuf_iterator<char>(file), {}};
+    std::ostringstream dump;
+    if (file && file.peek() != std::ifstream::traits_type::eof()) dump << file.rdbuf();
+    if (!file.is_open() || file.bad() || dump.bad()) throw trouble(status::misused, std::string("cannot read ") + path);
+    if (dump.view().size() > UINT32_MAX) throw trouble(status::misused, std::string(path) + " is 4 GiB or more");
+    return std::move(dump).str();
 }
 
 uint32_t crash_kind(const std::string &name)
@@ -43,12 +47,12 @@ json crash(arguments given)
     crash_info info = {};
     info.type = crash_kind(given[0]);
     info.name = given[1];
-    info.pid = static_cast<int32_t>(number(given[2], "PID"));
-    info.signal = static_cast<int32_t>(number(given[3], "SIGNAL"));
+    info.pid = static_cast<int32_t>(number(given[2], "PID", 0, INT32_MAX));
+    info.signal = static_cast<int32_t>(number(given[3], "SIGNAL", 0, 64));
     info.number_of_crashes = 1;
-    std::vector<char> dump;
+    std::string dump;
     if (given.size() > 4) dump = read_dump(given[4]);
-    info.data = reinterpret_cast<decltype(info.data)>(dump.data());
+    info.data = dump.data();
     info.size = static_cast<uint32_t>(dump.size());
     if (send_crash(&info) != 0)
         throw trouble(status::failed, "the report was not accepted; velactl -v crash ... says why");
@@ -61,10 +65,12 @@ json trace(arguments given)
     json_t *payload = json_loads(given[2], 0, &error);
     if (!json_is_object(payload)) {
         json_decref(payload);
-        throw trouble(status::misused, std::string("PAYLOAD must be a JSON object: ") + error.text);
+        throw trouble(status::misused,
+                      std::string("PAYLOAD must be a JSON object") + (*error.text ? ": " : "") + error.text);
     }
-    static const char *const outcomes[] = {"accepted", "failed", "too early after a failure", "given up",
-                                           "analytics are off"};
+    static const char *const outcomes[] = {"accepted",
+                                           "the service was not reached, or refused; velactl -v trace ... says why",
+                                           "too early after a failure", "given up", "analytics are off"};
     const int result = send_trace_simple(given[0], given[1], payload);
     if (result != 0) {
         throw trouble(status::failed,
@@ -75,7 +81,7 @@ json trace(arguments given)
 
 constexpr command commands[] = {
     {"op", "NAME", "ask the management daemon", 1, 1, op},
-    {"crash", "KIND NAME PID SIGNAL [DUMP]", "send a crash report", 4, 5, crash},
+    {"crash", "KIND NAME PID SIGNAL [DUMP]", "send a crash report, if any may be sent", 4, 5, crash},
     {"trace", "NAMESPACE TYPE PAYLOAD", "send one telemetry trace", 3, 3, trace},
 };
 

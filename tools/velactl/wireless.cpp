@@ -17,42 +17,52 @@ namespace
 class radio_service
 {
 public:
-    radio_service() : base_{event_base_new()}
+    radio_service()
     {
-        if (!base_ || vl_nl80211_service_init(&service_, base_) != 0) {
+        if (!base_ || vl_nl80211_service_init(&service_, base_.get()) != 0) {
             throw trouble(status::unavailable, "this kernel has no nl80211: no Wi-Fi driver is loaded");
         }
     }
     radio_service(const radio_service &) = delete;
     radio_service &operator=(const radio_service &) = delete;
-    ~radio_service()
-    {
-        vl_nl80211_service_deinit(&service_);
-        event_base_free(base_);
-    }
+    ~radio_service() { vl_nl80211_service_deinit(&service_); }
     vl_nl80211_service *get() { return &service_; }
 
 private:
-    event_base *base_;
+    struct drop_base {
+        void operator()(event_base *base) const { event_base_free(base); }
+    };
+    std::unique_ptr<event_base, drop_base> base_{event_base_new()};
     vl_nl80211_service service_ = {};
 };
 
-std::string address(const uint8_t *mac)
+constexpr uint32_t unknown = UINT32_MAX;
+
+struct radio_facts {
+    uint32_t wiphy = unknown, mhz = unknown, width = unknown, power = unknown;
+    uint8_t mac[6] = {};
+};
+
+/// What the driver says of an interface; trouble where that is none of a radio.
+radio_facts facts_of(radio_service &service, const char *ifname)
 {
-    char text[18];
-    snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
-    return text;
+    radio_facts f;
+    if (vl_nl80211_interface_info(service.get(), ifname, &f.wiphy, f.mac, &f.mhz, &f.width, &f.power) != 0) {
+        throw trouble(status::unavailable, std::string(ifname) + " is no wireless interface; iw dev lists them");
+    }
+    return f;
 }
 
 json channels(arguments given)
 {
     json result{json_array()};
     for (const char *text : given) {
-        const auto mhz = static_cast<uint32_t>(number(text, "MHZ"));
+        const auto mhz = static_cast<uint32_t>(number(text, "MHZ", 0, UINT32_MAX));
         json row = object();
         set(row, "mhz", mhz);
-        set(row, "channel", vl_freq_to_channel(mhz));
-        set(row, "band", vl_freq_to_band(mhz));
+        const int band = vl_freq_to_band(mhz);
+        if (band != VL_BAND_UNKNOWN) set(row, "channel", vl_freq_to_channel(mhz)); // elsewhere it may wrap
+        set(row, "band", band);
         set(row, "name", get_band(mhz));
         append(result, std::move(row));
     }
@@ -61,18 +71,14 @@ json channels(arguments given)
 
 json radio(arguments given)
 {
-    constexpr uint32_t unknown = UINT32_MAX;
     radio_service service;
-    uint32_t wiphy = unknown, mhz = unknown, width = unknown, power = unknown;
-    uint8_t mac[6];
-    const int result = vl_nl80211_interface_info(service.get(), given[0], &wiphy, mac, &mhz, &width, &power);
-    if (result != 0) throw trouble(status::failed, std::string(given[0]) + " is no wireless interface");
+    const radio_facts f = facts_of(service, given[0]);
     json answer = object();
-    set(answer, "wiphy", wiphy);
-    set(answer, "mac", address(mac));
-    if (mhz != unknown) set(answer, "mhz", mhz);
-    if (width != unknown) set(answer, "width_mhz", width);
-    if (power != unknown) set(answer, "power_mbm", power);
+    set(answer, "wiphy", f.wiphy);
+    set(answer, "mac", address(f.mac));
+    if (f.mhz != unknown) set(answer, "mhz", f.mhz);
+    if (f.width != unknown) set(answer, "width_mhz", f.width);
+    if (f.power != unknown) set(answer, "power_mbm", static_cast<int32_t>(f.power));
     char name[33];
     if (get_if_essid(given[0], name, sizeof name) == 0) set(answer, "essid", name);
     return answer;
@@ -80,8 +86,9 @@ json radio(arguments given)
 
 json power(arguments given)
 {
+    const auto mbm = static_cast<uint32_t>(number(given[1], "MBM", 0, INT32_MAX));
     radio_service service;
-    const auto mbm = static_cast<uint32_t>(number(given[1], "MBM"));
+    (void)facts_of(service, given[0]);
     if (vl_nl80211_interface_set_power(service.get(), given[0], mbm) != 0) {
         throw trouble(status::failed, "the driver refused; velactl -v power ... says why");
     }
@@ -94,6 +101,8 @@ struct drop_scan {
 
 json scan(arguments given)
 {
+    radio_service service;
+    (void)facts_of(service, given[0]); // a list that cannot be had is an empty one
     const std::unique_ptr<scan_list, drop_scan> heard{get_scanlist(given[0])};
     if (!heard) throw trouble(status::failed, "out of memory");
     json result{json_array()};
@@ -102,7 +111,7 @@ json scan(arguments given)
         json row = object();
         set(row, "bssid", address(e->bssid));
         set(row, "mhz", e->freq);
-        set(row, "signal", e->rssi);
+        set(row, "signal_dbm", e->rssi - 96);
         set_flag(row, "mesh", e->mesh[0] && e->mesh[1] && e->mesh[2] && e->mesh[3]);
         set(row, "serial", address(e->serial));
         set(row, "essid", e->essid);
@@ -140,9 +149,9 @@ json uplinks(arguments)
 constexpr command commands[] = {
     {"channel", "MHZ...", "channel and band of frequencies", 1, 64, channels},
     {"radio", "INTERFACE", "channel, width, power, network", 1, 1, radio},
-    {"power", "INTERFACE MBM", "set the transmit power (1/100 dBm)", 2, 2, power},
+    {"power", "INTERFACE MBM", "set the transmit power, in 1/100 dBm", 2, 2, power},
     {"scan", "INTERFACE", "what it heard in its last scan", 1, 1, scan},
-    {"uplinks", "", "the mesh node's uplink interfaces", 0, 0, uplinks},
+    {"uplinks", "", "a mesh node's uplink interfaces", 0, 0, uplinks},
 };
 
 } // namespace
