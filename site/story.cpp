@@ -73,4 +73,28 @@ int story::end() const
     return broken_ == 0 && kept_ > 0 ? 0 : 1;
 }
 
+overheard::overheard() : said_{tmpfile()}, before_{dup(STDERR_FILENO)}
+{
+    fflush(stderr);
+    dup2(fileno(said_), STDERR_FILENO);
+}
+
+overheard::~overheard()
+{
+    fflush(stderr);
+    dup2(before_, STDERR_FILENO);
+    close(before_);
+    fclose(said_);
+}
+
+std::string overheard::text() const
+{
+    std::string all;
+    char chunk[4096];
+    for (ssize_t n; (n = pread(fileno(said_), chunk, sizeof chunk, static_cast<off_t>(all.size()))) > 0;) {
+        all.append(chunk, static_cast<size_t>(n));
+    }
+    return all;
+}
+
 } // namespace site

@@ -1,6 +1,7 @@
 // Tells a person what happens on the simulated site, and keeps count of what did not happen as it should.
 #pragma once
 
+#include <cstdio>
 #include <string>
 #include <string_view>
 
@@ -25,6 +26,24 @@ private:
     int kept_ = 0;
     int broken_ = 0;
     bool colour_;
+};
+
+/// Keeps from the terminal what is said on standard error while it lives: what the library logs, for the story to
+/// quote.
+class overheard
+{
+public:
+    overheard();
+    overheard(const overheard &) = delete;
+    overheard &operator=(const overheard &) = delete;
+    ~overheard();
+
+    /// All of it so far.
+    [[nodiscard]] std::string text() const;
+
+private:
+    FILE *said_;
+    int before_; ///< standard error as it was
 };
 
 } // namespace site

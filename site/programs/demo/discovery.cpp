@@ -5,10 +5,10 @@
 #include "site/world.h"
 
 #include <event2/event.h>
+#include <sstream>
 #include <string>
 #include <unistd.h>
 #include <vector>
-#include <vela/core/log.h>
 #include <vela/discovery/protocol.h>
 
 namespace
@@ -16,6 +16,7 @@ namespace
 
 constexpr uint16_t announce = 1;
 constexpr uint16_t mesh_halt = 6;
+constexpr const char *refused = "failed to decrypt";
 
 struct announcement {
     std::string from;
@@ -41,6 +42,16 @@ void send(const std::string &text, uint16_t sequence)
     vela_protocol_send(text.data(), static_cast<uint32_t>(text.size()), announce, 1, 1);
 }
 
+/// The first line that holds a text; "" without one.
+std::string line_of(const std::string &text, const char *part)
+{
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.find(part) != std::string::npos) return line;
+    }
+    return "";
+}
+
 void speak()
 {
     site::put_file("/var/run/ipready.br0", std::string(site::second_device::own_address) + "\n");
@@ -61,8 +72,7 @@ void speak()
 void tell_of_discovery(site::story &story)
 {
     story.scene("Two access points on one wire");
-    setenv("LIBVELA_FACILITIES", "none", 1); // what refused packets log would interrupt the story
-    libvela_log_init_from_env();
+    const site::overheard log; // of both devices
     const site::device_facts facts;
     site::lay_out_device(facts);
     site::put_file("/var/run/vela_protocol.info",
@@ -86,11 +96,13 @@ void tell_of_discovery(site::story &story)
         const std::string text = a.method == mesh_halt ? "(mesh operation halts)" : a.text;
         story.quote(a.from + " method " + std::to_string(a.method) + ": " + text);
     }
-    story.check(status == 0 && heard.size() == 2, "its announcement was heard once, decrypted; the stranger was not");
+    const std::string refusal = line_of(log.text(), refused);
+    story.tell("of the stranger the library logs:");
+    story.quote(refusal);
+    story.check(status == 0 && heard.size() == 2 && !refusal.empty(),
+                "its announcement was heard once, decrypted; the stranger was refused");
     story.check(heard.size() == 2 && heard[1].method == mesh_halt && heard[1].text.size() == 14,
                 "its short-lived client on br0 announced the halt of the mesh");
     vela_protocol_deinit();
     event_base_free(base);
-    setenv("LIBVELA_FACILITIES", "stderr", 1);
-    libvela_log_init_from_env();
 }

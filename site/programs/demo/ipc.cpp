@@ -65,8 +65,15 @@ void tell_of_the_bus(site::story &story)
     vela_ubus_interface_t *bus = vela_ubus_create(base, site::bus::default_path, "mgragent", 0, nullptr, nullptr);
     if (story.check(bus != nullptr && bus->id != 0, "connected to the bus, found the object \"mgragent\"")) {
         const uint32_t old_id = bus->id;
-        daemon.kill();
-        story.check(await_connection(base, bus, false) >= 0, "the bus daemon is killed, the loss is noticed at once");
+        story.tell("the bus daemon is killed; the library logs:");
+        long noticed = 0;
+        {
+            const site::overheard log;
+            daemon.kill();
+            noticed = await_connection(base, bus, false);
+            story.quote(log.text());
+        }
+        story.check(noticed >= 0 && noticed < 500, "the loss is noticed after %ld ms", noticed);
         daemon.start();
         const long waited = await_connection(base, bus, true);
         story.check(waited >= 0 && waited < 2000, "a new bus daemon: connected again after %ld ms", waited);
