@@ -12,7 +12,6 @@ namespace
 {
 
 constexpr size_t record_size = sizeof(webrtc_ipc_msg);
-constexpr size_t header_size = 8;
 
 vela::byte_reader script{{}};
 
@@ -39,8 +38,6 @@ ssize_t recv(int, void *out, size_t size, int)
         memset(to, 0, size);
         if (size == record_size) to[0] = 2, to[68] = 1;
     }
-    // The length of a text stays small: what follows it counts as 16384 bytes each, however short.
-    if (size == header_size) to[6] = to[7] = 0;
     return static_cast<ssize_t>(n);
 }
 

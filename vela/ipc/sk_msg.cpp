@@ -9,7 +9,7 @@
 #include <span>
 #include <vela/core/internal/log.h>
 #include <vela/core/internal/wait.h>
-#include <vela/ipc/sk_msg.h>
+#include <vela/ipc/internal/sk_msg.h>
 
 namespace
 {
@@ -170,11 +170,14 @@ private:
 };
 
 /// What both receiving functions do; they differ in the source, and in the level of the header's line.
-template <class Source> int32_t receive_message(Source source, sk_msg &msg, const char *function, uint32_t header_level)
+template <class Source>
+int32_t receive_message(Source source, sk_msg &msg, const char *function, uint32_t header_level,
+                        int32_t most = INT32_MAX)
 {
     // On purpose: a header cut short is not noticed, and leaves in type and len what the caller had there.
     if (source.receive(&msg, header_size) < 0) return -1;
     log_at(header_level, log_module, function, "Recv header type:%d, len:%d", msg.type, msg.len);
+    if (msg.len > most) return -1;
 
     int32_t received = 0;
     while (received < msg.len) {
@@ -205,14 +208,17 @@ int32_t sk_msg_send(int fd, const sk_msg *msg, int timeout_s)
     return send_header(lane, *msg) ? send_data(lane, *msg) : -1;
 }
 
-int32_t sk_msg_recv(int fd, sk_msg *msg, int timeout_s)
+int32_t vela::receive_at_most(int fd, sk_msg *msg, int timeout_s, int32_t most)
 {
+    constexpr const char *step = "sk_msg_recv";
     if (!msg || fd < 0) {
-        log_error("Invalid parameter");
+        log_error_as(step, "Invalid parameter");
         return -1;
     }
-    return receive_message(connected_source{fd, timeout_s}, *msg, __func__, LIBVELA_LOG_TRACE);
+    return receive_message(connected_source{fd, timeout_s}, *msg, step, LIBVELA_LOG_TRACE, most);
 }
+
+int32_t sk_msg_recv(int fd, sk_msg *msg, int timeout_s) { return vela::receive_at_most(fd, msg, timeout_s, INT32_MAX); }
 
 int32_t sk_msg_sendto(int fd, const sk_msg *msg, const struct sockaddr *to, socklen_t tolen)
 {

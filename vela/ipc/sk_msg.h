@@ -43,7 +43,8 @@ VELA_API int32_t sk_msg_send(int fd, const sk_msg *msg, int timeout_s);
 /**
  * Receives a message on a connected socket.
  *
- * @param msg        receives type and len; the data is appended to its buffer, also when only part of it arrived
+ * @param msg        receives type and len; the data is appended to its buffer, also when only part of it arrived. The
+ *                   peer's word is taken for the length, up to 2 GiB
  * @param timeout_s  how long to wait for each datagram, in seconds; a signal ends the wait
  * @return the bytes appended; a piece that arrives shorter than the header promised is filled up with zero bytes. -1 on
  *         a failure

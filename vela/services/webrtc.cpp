@@ -11,7 +11,7 @@
 #include <vela/core/internal/own.h>
 #include <vela/core/internal/text.h>
 #include <vela/core/internal/wait.h>
-#include <vela/ipc/sk_msg.h>
+#include <vela/ipc/internal/sk_msg.h>
 #include <vela/services/webrtc.h>
 
 namespace
@@ -25,7 +25,8 @@ constexpr const char *listener_name = "IPC_WEBRTC_LISTENER";
 
 enum class command : int32_t { next_offer = 1, offer = 2, set_answer = 3, list_sessions = 4, close_session = 5 };
 constexpr int32_t status_success = 0;
-constexpr int32_t answer_type = 1; // of the framed message
+constexpr int32_t answer_type = 1;             // of the framed message
+constexpr int32_t offer_max = 4 * 1024 * 1024; // bytes; anybody may own the listener's name and announce 2 GiB
 
 constexpr int send_wait_s = 1;
 constexpr int text_wait_s = 5;
@@ -244,7 +245,7 @@ int sdp_offer_recv(int fd, webrtc_inform *out)
         return -1;
     }
     sk_msg message = {0, 0, text.get()};
-    if (sk_msg_recv(fd, &message, text_wait_s) < 0) {
+    if (vela::receive_at_most(fd, &message, text_wait_s, offer_max) < 0) {
         log_error("Recv failed, exit");
         return -1;
     }

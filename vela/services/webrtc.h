@@ -84,7 +84,7 @@ VELA_API int close_sdp_session(const char *uuid);
  * Receives an offer's text, as one message of sk_msg.h, on the socket of a session; waits 5 seconds for each piece.
  *
  * @param out  its offer is replaced
- * @return 0 or -1
+ * @return 0; -1, also for a text that is announced with more than 4 MiB
  */
 VELA_API int sdp_offer_recv(int fd, webrtc_inform *out);
 
