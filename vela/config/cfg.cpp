@@ -171,7 +171,8 @@ int get_cfg_count(const cfg_entry *cfg)
 int get_cfg_key_idx(const char *key, int n)
 {
     const vela::errno_keeper keep;
-    for (const char *component = get_key_element(key, 1); component; component = get_key_element(component, 1)) {
+    for (const char *component = get_key_element(key, 1); component && n > 0;
+         component = get_key_element(component, 1)) {
         errno = 0;
         const long long number = strtoll(component, nullptr, 0);
         const bool counts = number != 0 && errno == 0 && number >= INT32_MIN && number <= INT32_MAX;

@@ -202,7 +202,9 @@ void u_reconnect_timeout(evutil_socket_t /*fd*/, short /*what*/, void *arg)
     const call here;
     const auto seconds = static_cast<int>(reconnect_interval.tv_sec);
     if (iface.ctx) {
-        if (!reopen_bus(iface)) {
+        const bool reopened = reopen_bus(iface);
+        if (iface.closed) return; // by a callback: libubus hands out what it had kept
+        if (!reopened) {
             log_warn("Failed to reconnect, trying again in %ds", seconds);
             arm(iface);
             return;
