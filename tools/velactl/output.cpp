@@ -28,6 +28,17 @@ std::string as_text(const json_t *value)
     return text;
 }
 
+/// One line, as a terminal may have it: names come from the air, and a control character in one is a command to it.
+void say(std::string line)
+{
+    for (size_t i = 0; i < line.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(line[i]);
+        if ((byte < ' ' && byte != '\t') || byte == 0x7f) line[i] = '?';
+        if (byte == 0xc2 && static_cast<unsigned char>(line[i + 1]) < 0xa0) line.replace(i, 2, "?"); // U+0080 to U+009F
+    }
+    puts(line.c_str());
+}
+
 std::string list(const json_t *array)
 {
     std::string text;
@@ -46,7 +57,7 @@ void print_row(const std::vector<std::string> &cells, const std::vector<size_t> 
         line += cells[i];
         if (i + 1 != cells.size()) line.append(widths[i] - cells[i].size() + 2, ' ');
     }
-    puts(line.c_str());
+    say(std::move(line));
 }
 
 /// The members of all rows, in the order in which they first come.
@@ -93,11 +104,14 @@ void print_object(json_t *value)
     json_object_foreach(value, key, member)
     {
         if (is_table(member)) {
-            printf("\n%s:\n", key);
+            say("");
+            say(std::string(key) + ":");
             print_table(member);
         } else {
             const std::string text = json_is_array(member) ? list(member) : as_text(member);
-            printf("%-*s  %s\n", static_cast<int>(width), key, text.c_str());
+            std::string line = key;
+            line.append(width - line.size() + 2, ' ');
+            say(line + text);
         }
     }
 }
@@ -161,9 +175,9 @@ void print(const json_t *value)
         print_object(const_cast<json_t *>(value));
     } else if (json_is_array(value)) {
         if (json_array_size(value) == 0) fputs("none\n", stderr);
-        for (size_t i = 0; i < json_array_size(value); ++i) puts(as_text(json_array_get(value, i)).c_str());
+        for (size_t i = 0; i < json_array_size(value); ++i) say(as_text(json_array_get(value, i)));
     } else {
-        puts(as_text(value).c_str());
+        say(as_text(value));
     }
 }
 
