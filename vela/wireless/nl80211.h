@@ -112,7 +112,7 @@ VELA_API struct nl_msg *vl_nl80211_create_message(vl_nl80211_service *service, c
  * Sends a request and waits until the kernel has answered it.
  *
  * @param message  taken over and freed, whatever happens
- * @param handler  called for each reply message; may be null
+ * @param handler  called for each reply message; may be null. Unlike an event handler it must not end the service
  * @param arg      passed to the handler
  */
 VELA_API int vl_nl80211_send_recv(vl_nl80211_service *service, struct nl_msg *message, vl_nl80211_reply_handler handler,

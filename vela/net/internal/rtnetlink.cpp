@@ -48,9 +48,9 @@ bool route_socket::ask(question &q)
     struct {
         nlmsghdr header;
         union {
+            ifinfomsg link; // first, as the largest: only the first is sure to be zeroed
             rtmsg route;
             ndmsg neighbour;
-            ifinfomsg link;
         } body;
     } request = {};
     request.header.nlmsg_len = sizeof request;
