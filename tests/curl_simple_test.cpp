@@ -96,6 +96,7 @@ TEST_F(CurlSimple, FailuresAreLibcurlsAndAreExplained)
     const leak_check leaks;
     const table<site::identity, site::reply, int, long, std::string> cases = {
         {trusted, site::cut_short(), CURLE_PARTIAL_FILE, 200, "transfer closed with 996 bytes remaining"},
+        {trusted, site::redirect("ftp://127.0.0.1/"), CURLE_UNSUPPORTED_PROTOCOL, 302, "Protocol \"ftp\" not "},
         {untrusted_authority, {}, CURLE_PEER_FAILED_VERIFICATION, 0, "SSL certificate problem: unable to get"},
         {wrong_name, {}, CURLE_PEER_FAILED_VERIFICATION, 0, "SSL: no alternative certificate subject name"},
     };

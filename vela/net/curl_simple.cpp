@@ -49,11 +49,22 @@ size_t keep_body(const void *bytes, size_t size, size_t count, void *arg)
 
 size_t drop_body(const void *, size_t size, size_t count, void *) { return size * count; }
 
+/// A server must not choose another protocol: libcurl alone would also follow it to FTP.
+void follow_http_only(CURL *handle)
+{
+#if LIBCURL_VERSION_NUM >= 0x075500
+    curl_easy_setopt(handle, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+#else
+    curl_easy_setopt(handle, CURLOPT_REDIR_PROTOCOLS, CURLPROTO_HTTP | CURLPROTO_HTTPS);
+#endif
+}
+
 void set_options(CURL *handle, const request &r, char *error_text, curl_simple_response *response)
 {
     curl_easy_setopt(handle, CURLOPT_URL, r.url);
     curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, curl_simple_method_str[r.how]);
     curl_easy_setopt(handle, CURLOPT_FOLLOWLOCATION, 1L);
+    follow_http_only(handle);
     curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 1L);
     curl_easy_setopt(handle, CURLOPT_SSL_VERIFYHOST, 2L);
     if (r.headers) curl_easy_setopt(handle, CURLOPT_HTTPHEADER, r.headers);
