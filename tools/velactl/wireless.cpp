@@ -80,7 +80,7 @@ json radio(arguments given)
     if (f.width != unknown) set(answer, "width_mhz", f.width);
     if (f.power != unknown) set(answer, "power_mbm", static_cast<int32_t>(f.power));
     char name[33];
-    if (get_if_essid(given[0], name, sizeof name) == 0) set(answer, "essid", name);
+    if (get_if_essid(given[0], name, sizeof name) == 0 && *name) set(answer, "essid", name);
     return answer;
 }
 
@@ -113,7 +113,7 @@ json scan(arguments given)
         set(row, "mhz", e->freq);
         set(row, "signal_dbm", e->rssi - 96);
         set_flag(row, "mesh", e->mesh[0] && e->mesh[1] && e->mesh[2] && e->mesh[3]);
-        set(row, "serial", address(e->serial));
+        if (e->mesh[0]) set(row, "serial", address(e->serial)); // in the maker's element
         set(row, "essid", e->essid);
         append(result, std::move(row));
     }
