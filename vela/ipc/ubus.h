@@ -45,12 +45,12 @@ typedef struct vela_ubus_links {
 /** A connection: made by vela_ubus_create(), released by vela_ubus_close(). For reading, apart from the library. */
 struct vela_ubus_interface {
     struct event_base *base;
-    struct ubus_context *ctx; /**< NULL until the first connection; kept over reconnections */
-    struct event *read_event; /**< NULL while there is no connection */
+    struct ubus_context *ctx; /**< null until the first connection; kept over reconnections */
+    struct event *read_event; /**< null while there is no connection */
     const char *service;      /**< borrowed: stays valid as long as the record */
     const char *path;         /**< borrowed likewise */
     uint32_t id;              /**< what the last successful lookup found; stale after a reconnection */
-    struct event *timer;      /**< the next attempt; NULL while none is due */
+    struct event *timer;      /**< the next attempt; null while none is due */
     uint32_t flags;
     vela_ubus_callback on_connect; /**< after a first connection, the lookup done; not after a reconnection */
     vela_ubus_callback on_close;   /**< by vela_ubus_close(), where there has been a connection */
@@ -83,16 +83,16 @@ VELA_API int vela_ubus_init(void);
  * @param service     the object to look up, now and whenever vela_ubus_find_service() is called; not copied. That it is
  *                    not found is no failure: the id stays 0
  * @param flags       VELA_UBUS_NO_LOOKUP, VELA_UBUS_KEEP_TRYING
- * @param on_connect  may be NULL; may be called before this returns
- * @param on_close    may be NULL
- * @return the record; NULL for a missing argument, without a bus (unless VELA_UBUS_KEEP_TRYING is set), without memory,
+ * @param on_connect  may be null; may be called before this returns
+ * @param on_close    may be null
+ * @return the record; null for a missing argument, without a bus (unless VELA_UBUS_KEEP_TRYING is set), without memory,
  *         or if on_connect closed the record
  */
 VELA_API vela_ubus_interface_t *vela_ubus_create(struct event_base *base, const char *path, const char *service,
                                                  uint32_t flags, vela_ubus_callback on_connect,
                                                  vela_ubus_callback on_close);
 
-/** Ends the connection and frees the record; called from one of its callbacks, when that has returned. NULL is
+/** Ends the connection and frees the record; called from one of its callbacks, when that has returned. null is
  * accepted. */
 VELA_API void vela_ubus_close(vela_ubus_interface_t *iface);
 
@@ -106,7 +106,7 @@ VELA_API void vela_ubus_shutdown(void);
  */
 VELA_API int vela_ubus_find_service(vela_ubus_interface_t *iface);
 
-/** The same for an object of another name; a NULL or empty one is -EINVAL. */
+/** The same for an object of another name; a null or empty one is -EINVAL. */
 VELA_API int vela_ubus_find_object(vela_ubus_interface_t *iface, const char *name);
 
 /**
@@ -114,7 +114,7 @@ VELA_API int vela_ubus_find_object(vela_ubus_interface_t *iface, const char *nam
  *
  * @param out  written on success only
  * @param msg  the message as the data callback of ubus_invoke() gets it; values of another type count as missing
- * @return 0; -1 for a NULL `out` or a malformed or empty message
+ * @return 0; -1 for a null `out` or a malformed or empty message
  */
 VELA_API int mgragent_stats_parse_ap_stats(mgragent_ap_stats *out, const struct blob_attr *msg);
 
