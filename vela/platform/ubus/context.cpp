@@ -187,7 +187,7 @@ void answer_call(context &c, const frame_header &call, const attributes &a)
     if (!body.ok()) return;
     const auto sent =
         send_message(c, message::status, blob_be16(call.seq), blob_be32(call.peer), body, deadline::after_ms(stall_ms));
-    if (sent == progress::broken) lose(c);
+    if (sent != progress::done) lose(c); // a daemon that asks on and does not listen would cost this much each time
 }
 
 exchange *request_of(const context &c, const frame_header &answer)
