@@ -7,6 +7,8 @@
 namespace
 {
 
+const volatile uint32_t piece_size = 64; // a length that the compiler does not know, as a message's
+
 constexpr uint32_t filled = 16384; // stays in the first-level cache: the calls are compared, not the memory
 
 void append_vela(benchmark::State &state)
@@ -38,21 +40,23 @@ void append_string(benchmark::State &state)
 
 void grow_vela(benchmark::State &state)
 {
-    const std::string piece(64, 'x');
+    const uint32_t n = piece_size;
+    const std::string piece(n, 'x');
     for (auto _ : state) {
         buffer *b = buffer_create();
-        for (int64_t done = 0; done < state.range(0); done += 64) b->append(b, piece.data(), 64);
+        for (int64_t done = 0; done < state.range(0); done += n) b->append(b, piece.data(), n);
         b->destroy(b);
     }
 }
 
 void grow_string(benchmark::State &state)
 {
-    const std::string piece(64, 'x');
+    const uint32_t n = piece_size;
+    const std::string piece(n, 'x');
     for (auto _ : state) {
         std::string s(BUFFER_DEFAULT_CAPACITY, '\0'); // a new buffer's area is zeroed
         s.clear();
-        for (int64_t done = 0; done < state.range(0); done += 64) s.append(piece.data(), 64);
+        for (int64_t done = 0; done < state.range(0); done += n) s.append(piece.data(), n);
         benchmark::DoNotOptimize(s.data());
     }
 }

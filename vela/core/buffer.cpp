@@ -38,7 +38,7 @@ struct buffer_block {
 /// A data area may have 0 bytes, an allocation may not: its result would look like a failure.
 constexpr size_t allocation_size(uint32_t capacity) { return std::max<size_t>(capacity, 1); }
 
-bool enlarge(buffer_state &s, uint32_t n)
+[[gnu::noinline]] bool enlarge(buffer_state &s, uint32_t n)
 {
     const uint64_t allocated = s.allocated + (n + growth_step - 1) / growth_step * growth_step;
     if (allocated > UINT32_MAX) return false;
@@ -75,27 +75,38 @@ void consume(buffer_state &s, uint32_t n)
 }
 
 using word16 [[gnu::vector_size(16)]] = uint8_t;
-using word32 [[gnu::vector_size(32)]] = uint8_t;
 
-/// Copies n bytes as two words, the first and the last, which meet or overlap. Both are loaded before one is stored, so
-/// the places may overlap too.
-template <class word> void copy_ends(uint8_t *to, const uint8_t *from, size_t n)
+template <class word> word load(const uint8_t *from)
 {
-    word first, last;
-    memcpy(&first, from, sizeof(word));
-    memcpy(&last, from + n - sizeof(word), sizeof(word));
-    memcpy(to, &first, sizeof(word));
-    memcpy(to + n - sizeof(word), &last, sizeof(word));
+    word w;
+    memcpy(&w, from, sizeof w);
+    return w;
+}
+template <class word> void store(uint8_t *to, word w) { memcpy(to, &w, sizeof w); }
+
+/// Copies n bytes as two words, the first and the last, which meet or overlap.
+template <class word> void copy_ends(uint8_t *to, const uint8_t *from, uint32_t n)
+{
+    const word first = load<word>(from);
+    const word last = load<word>(from + n - sizeof(word));
+    store(to, first);
+    store(to + n - sizeof(word), last);
 }
 
-/// memmove(); the short pieces that messages are made of need no call.
-void copy_piece(uint8_t *to, const uint8_t *from, size_t n)
+/// The short pieces that messages are made of: copied without a call.
+constexpr bool is_short(uint32_t n) { return n >= 4 && n <= 64; }
+
+/// memmove() of a short piece: all is loaded before anything is stored, so the places may overlap.
+void copy_short(uint8_t *to, const uint8_t *from, uint32_t n)
 {
-    if (n < 4 || n > 64) return static_cast<void>(memmove(to, from, n));
-    if (n > 32) return copy_ends<word32>(to, from, n);
-    if (n > 16) return copy_ends<word16>(to, from, n);
-    if (n > 8) return copy_ends<uint64_t>(to, from, n);
-    copy_ends<uint32_t>(to, from, n);
+    if (n <= 8) return copy_ends<uint32_t>(to, from, n);
+    if (n <= 16) return copy_ends<uint64_t>(to, from, n);
+    if (n <= 32) return copy_ends<word16>(to, from, n);
+    const auto second = load<word16>(from + 16);
+    const auto last_but_one = load<word16>(from + n - 32);
+    copy_ends<word16>(to, from, n);
+    store(to + 16, second);
+    store(to + n - 32, last_but_one);
 }
 
 namespace operation
@@ -115,6 +126,13 @@ uint32_t length(const buffer *b) { return b->state->length; }
 
 uint32_t capacity(const buffer *b) { return b->state->allocated; }
 
+// Apart from append(), which then needs no frame of its own.
+[[gnu::noinline]] uint32_t copy_long(uint8_t *to, const void *from, uint32_t n)
+{
+    memmove(to, from, n);
+    return n;
+}
+
 /// Appends bytes that may be the buffer's own, under a tail or an area that moves.
 [[gnu::noinline]] uint32_t append_with_growth(buffer_state &s, const void *bytes, uint32_t count)
 {
@@ -130,9 +148,9 @@ uint32_t append(buffer *b, const void *bytes, uint32_t count)
 {
     if (!bytes || count == 0) return 0;
     buffer_state &s = *b->state;
-    if (s.length == 0 || !has_room(s, count)) [[unlikely]]
-        return append_with_growth(s, bytes, count);
-    copy_piece(take(s, count), static_cast<const uint8_t *>(bytes), count);
+    if (s.length == 0 || !has_room(s, count)) return append_with_growth(s, bytes, count);
+    if (!is_short(count)) return copy_long(take(s, count), bytes, count);
+    copy_short(take(s, count), static_cast<const uint8_t *>(bytes), count);
     return count;
 }
 
