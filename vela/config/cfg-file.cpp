@@ -1,12 +1,12 @@
 // A configuration file is read whole and looked at twice: once to count, once to fill. What comes out is one block: the
 // records, side by side in the order of the file, and behind them their texts, each pair starting on a word (see
-// cfg-key.h). The first record stands at the block's start.
+// cfg_key.h). The first record stands at the block's start.
 
 #include <malloc.h>
 #include <optional>
-#include <vela/config/internal/cfg-key.h>
-#include <vela/config/internal/cfg-value.h>
-#include <vela/config/internal/growing-text.h>
+#include <vela/config/internal/cfg_key.h>
+#include <vela/config/internal/cfg_value.h>
+#include <vela/config/internal/growing_text.h>
 #include <vela/core/internal/own.h>
 
 namespace

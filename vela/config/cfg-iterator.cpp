@@ -1,8 +1,8 @@
 // Iterators have a record of their own for each match, so that they can be joined and taken apart.
 
 #include <optional>
-#include <vela/config/internal/cfg-key.h>
-#include <vela/config/internal/cfg-value.h>
+#include <vela/config/internal/cfg_key.h>
+#include <vela/config/internal/cfg_value.h>
 #include <vela/core/internal/log.h>
 #include <vela/core/internal/own.h>
 

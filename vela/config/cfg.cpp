@@ -1,10 +1,10 @@
-// Lookups scan the list: configurations hold some hundreds of entries. How a key is compared stands in cfg-key.h, how a
+// Lookups scan the list: configurations hold some hundreds of entries. How a key is compared stands in cfg_key.h, how a
 // file becomes records in cfg-file.cpp, lists of matches in cfg-iterator.cpp.
 
 #include <cstddef>
 #include <optional>
-#include <vela/config/internal/cfg-key.h>
-#include <vela/config/internal/cfg-value.h>
+#include <vela/config/internal/cfg_key.h>
+#include <vela/config/internal/cfg_value.h>
 #include <vela/core/internal/log.h>
 #include <vela/core/internal/own.h>
 

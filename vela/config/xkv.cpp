@@ -8,7 +8,7 @@
 #include <cassert>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <vela/config/internal/growing-text.h>
+#include <vela/config/internal/growing_text.h>
 #include <vela/config/xkv.h>
 #include <vela/core/internal/own.h>
 

@@ -4,7 +4,7 @@
 #include <array>
 #include <cstdio>
 #include <optional>
-#include <vela/core/internal/block.h>
+#include <vela/core/crypto/block.h>
 #include <vela/core/internal/text.h>
 #include <vela/core/util.h>
 

@@ -3,7 +3,7 @@
 // byte, so no character is followed past it.
 
 #include <array>
-#include <vela/core/internal/block.h>
+#include <vela/core/crypto/block.h>
 #include <vela/core/internal/text.h>
 #include <vela/core/util.h>
 

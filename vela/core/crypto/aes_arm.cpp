@@ -4,7 +4,7 @@
 
 #include <arm_neon.h>
 #include <sys/auxv.h>
-#include <vela/core/internal/aes.h>
+#include <vela/core/crypto/aes.h>
 #include <vela/core/internal/secret.h>
 
 #if defined(__clang__)

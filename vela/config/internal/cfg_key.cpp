@@ -1,5 +1,5 @@
 #include <bit>
-#include <vela/config/internal/cfg-key.h>
+#include <vela/config/internal/cfg_key.h>
 #include <vela/core/util.h>
 
 namespace

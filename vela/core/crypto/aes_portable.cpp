@@ -15,7 +15,7 @@
 #include <array>
 #include <bit>
 #include <cstring>
-#include <vela/core/internal/aes.h>
+#include <vela/core/crypto/aes.h>
 #include <vela/core/internal/secret.h>
 
 #if defined(__x86_64__)

@@ -4,7 +4,7 @@
 
 #include <cpuid.h>
 #include <immintrin.h>
-#include <vela/core/internal/aes.h>
+#include <vela/core/crypto/aes.h>
 #include <vela/core/internal/secret.h>
 
 #define with_aes __attribute__((target("aes,ssse3")))

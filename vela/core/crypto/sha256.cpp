@@ -6,7 +6,7 @@
 #include <cstring>
 #include <vela/core/crypto.h>
 #include <vela/core/internal/secret.h>
-#include <vela/core/internal/sha256.h>
+#include <vela/core/crypto/sha256.h>
 
 namespace
 {

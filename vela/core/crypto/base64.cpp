@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <cstring>
 #include <vela/core/crypto.h>
-#include <vela/core/internal/block.h>
+#include <vela/core/crypto/block.h>
 
 namespace
 {
