@@ -33,16 +33,8 @@ TEST(Webrtc, WaitsForACompleteOfferAndBoundsTextsWithoutAnEnd)
         auto greedy = media_offer("greedy", "", "x");
         greedy[1].content = {1, 0, 0, 0, 1, 0, 0x40, 0}; // a header: 4 MiB and a byte
         greedy.pop_back();
-        auto broken = media_offer("broken", "", "never sent");
-        auto whole = media_offer(endless, endless, offer);
-        whole[0].delay_ms = 75; // the wait for the text before it has been ended meanwhile
-        return in_turn({{media_record(1, "x")},
-                        media_offer("early", "none yet", ""),
-                        {bytes{}},
-                        greedy,
-                        {broken[0]},
-                        whole,
-                        whole});
+        const auto whole = media_offer(endless, endless, offer);
+        return in_turn({{media_record(1, "x")}, media_offer("early", "none yet", ""), {bytes{}}, greedy, whole});
     }};
     log_lines log{"info"};
     const leak_check nothing;
@@ -52,7 +44,7 @@ TEST(Webrtc, WaitsForACompleteOfferAndBoundsTextsWithoutAnEnd)
     request.turn_query = 7;
     memset(request.creds_url, 'c', sizeof request.creds_url); // no NUL
     {
-        const signal_storm one_ends_the_wait_for_the_text(50000);
+        const signal_storm storm;
         EXPECT_EQ(0, get_next_sdp_offer(std::string(100, 'l').c_str(), &request, &out));
     }
     EXPECT_EQ(endless.substr(0, 63), out.uuid);
@@ -68,14 +60,11 @@ TEST(Webrtc, WaitsForACompleteOfferAndBoundsTextsWithoutAnEnd)
     EXPECT_EQ(bytes(raw, raw + sizeof request), asked.body);
     EXPECT_THAT(listener.faults(), IsEmpty());
 
-    auto told = log.texts();
-    ASSERT_LE(7U, told.size());
-    told.resize(6); // what the signals make of the last two offers varies
-    EXPECT_THAT(
-        told, ElementsAre(testing::EndsWith("> turn_query<7>, reg_url<>, creds_url<" + std::string(400, 'c') + ">"),
-                          "Get SDP offer: uuid<early>, complete<false>, turn_creds: <none yet>, offer<>",
-                          "Recv failed, exit", "Get SDP offer: uuid<greedy>, complete<true>, turn_creds: <>, offer<>",
-                          "Recv failed, exit", "Get SDP offer: uuid<broken>, complete<true>, turn_creds: <>, offer<>"));
+    EXPECT_THAT(log.texts(),
+                ElementsAre(testing::EndsWith("> turn_query<7>, reg_url<>, creds_url<" + std::string(400, 'c') + ">"),
+                            "Get SDP offer: uuid<early>, complete<false>, turn_creds: <none yet>, offer<>",
+                            "Recv failed, exit", "Get SDP offer: uuid<greedy>, complete<true>, turn_creds: <>, offer<>",
+                            testing::EndsWith("o>")));
     nothing.expect_unchanged();
 }
 

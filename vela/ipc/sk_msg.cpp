@@ -9,7 +9,7 @@
 #include <span>
 #include <vela/core/internal/log.h>
 #include <vela/core/internal/wait.h>
-#include <vela/ipc/internal/sk_msg.h>
+#include <vela/ipc/sk_msg.h>
 
 namespace
 {
@@ -123,15 +123,16 @@ int32_t send_data(const sending_lane &lane, const sk_msg &msg)
     return msg.len;
 }
 
-/// One datagram on a connected socket, and nothing in the log about it. On purpose: a signal ends the wait.
+/// One datagram on a connected socket, and nothing in the log about it.
 struct connected_source {
     int fd;
     int wait_s;
+    vela::wait_result (*wait)(int fd, short events, const vela::deadline &until);
 
     ssize_t receive(void *out, size_t size)
     {
         if (!is_time(wait_s)) return -1;
-        if (vela::wait_for(fd, POLLIN, vela::deadline{wait_s}) != vela::wait_result::ready) return -1;
+        if (wait(fd, POLLIN, vela::deadline{wait_s}) != vela::wait_result::ready) return -1;
         return recv(fd, out, size, MSG_DONTWAIT);
     }
 };
@@ -169,7 +170,7 @@ private:
     }
 };
 
-/// What both receiving functions do; they differ in the source, and in the level of the header's line.
+/// Receives a message: its header at a level of its own in the log, refused when it announces more than `most` bytes.
 template <class Source>
 int32_t receive_message(Source source, sk_msg &msg, const char *function, uint32_t header_level,
                         int32_t most = INT32_MAX)
@@ -208,17 +209,25 @@ int32_t sk_msg_send(int fd, const sk_msg *msg, int timeout_s)
     return send_header(lane, *msg) ? send_data(lane, *msg) : -1;
 }
 
-int32_t vela::receive_at_most(int fd, sk_msg *msg, int timeout_s, int32_t most)
+int32_t sk_msg_recv(int fd, sk_msg *msg, int timeout_s)
 {
-    constexpr const char *step = "sk_msg_recv";
     if (!msg || fd < 0) {
-        log_error_as(step, "Invalid parameter");
+        log_error("Invalid parameter");
         return -1;
     }
-    return receive_message(connected_source{fd, timeout_s}, *msg, step, LIBVELA_LOG_TRACE, most);
+    // On purpose: a signal ends the wait.
+    return receive_message(connected_source{fd, timeout_s, vela::wait_for}, *msg, __func__, LIBVELA_LOG_TRACE);
 }
 
-int32_t sk_msg_recv(int fd, sk_msg *msg, int timeout_s) { return vela::receive_at_most(fd, msg, timeout_s, INT32_MAX); }
+int32_t sk_msg_recv_limited(int fd, sk_msg *msg, int timeout_s, int32_t most)
+{
+    if (!msg || fd < 0) {
+        log_error("Invalid parameter");
+        return -1;
+    }
+    const connected_source source{fd, timeout_s, vela::wait_through_signals};
+    return receive_message(source, *msg, __func__, LIBVELA_LOG_TRACE, most);
+}
 
 int32_t sk_msg_sendto(int fd, const sk_msg *msg, const struct sockaddr *to, socklen_t tolen)
 {

@@ -45,11 +45,18 @@ VELA_API int32_t sk_msg_send(int fd, const sk_msg *msg, int timeout_s);
  *
  * @param msg        receives type and len; the data is appended to its buffer, also when only part of it arrived. The
  *                   peer's word is taken for the length, up to 2 GiB
- * @param timeout_s  how long to wait for each datagram, in seconds; a signal ends the wait
+ * @param timeout_s  how long to wait for each datagram, in seconds, so that the whole call may take that long for every
+ *                   16384 bytes; a signal ends the wait
  * @return the bytes appended; a piece that arrives shorter than the header promised is filled up with zero bytes. -1 on
  *         a failure
  */
 VELA_API int32_t sk_msg_recv(int fd, sk_msg *msg, int timeout_s);
+
+/**
+ * sk_msg_recv() from a peer that is not trusted with this process's memory: a message that announces more than `most`
+ * bytes is refused, and signals do not end a wait.
+ */
+VELA_API int32_t sk_msg_recv_limited(int fd, sk_msg *msg, int timeout_s, int32_t most);
 
 /** sk_msg_send() to an address, from an unconnected socket; each datagram may wait for 3 seconds. */
 VELA_API int32_t sk_msg_sendto(int fd, const sk_msg *msg, const struct sockaddr *to, socklen_t tolen);

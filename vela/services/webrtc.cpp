@@ -11,7 +11,7 @@
 #include <vela/core/internal/own.h>
 #include <vela/core/internal/text.h>
 #include <vela/core/internal/wait.h>
-#include <vela/ipc/internal/sk_msg.h>
+#include <vela/ipc/sk_msg.h>
 #include <vela/services/webrtc.h>
 
 namespace
@@ -245,7 +245,7 @@ int sdp_offer_recv(int fd, webrtc_inform *out)
         return -1;
     }
     sk_msg message = {0, 0, text.get()};
-    if (vela::receive_at_most(fd, &message, text_wait_s, offer_max) < 0) {
+    if (sk_msg_recv_limited(fd, &message, text_wait_s, offer_max) < 0) {
         log_error("Recv failed, exit");
         return -1;
     }
