@@ -6,8 +6,6 @@
 namespace velactl
 {
 
-std::string config_path = "/tmp/system.cfg";
-
 namespace
 {
 
@@ -41,7 +39,7 @@ json rows(const cfg_entry *entries)
 
 json get(arguments given)
 {
-    const config c = load(config_path);
+    const config c = load(chosen.config_path);
     const char *value = get_value(c.get(), given.size() > 1 ? given[1] : nullptr, "%s", given[0]);
     if (!value) throw trouble(status::failed, std::string("no key \"") + given[0] + "\"; velactl list shows them");
     return text(value);
@@ -49,14 +47,14 @@ json get(arguments given)
 
 json list(arguments given)
 {
-    const config c = load(config_path);
+    const config c = load(chosen.config_path);
     const iterator matches{get_cfg_it(c.get(), 0, "%s", given.empty() ? "" : given[0])};
     return rows(matches.get());
 }
 
 json section(arguments given)
 {
-    const config c = load(config_path);
+    const config c = load(chosen.config_path);
     const iterator matches{get_cfg_section(c.get(), given.size() > 1 ? given[1] : nullptr, nullptr, "%s", given[0])};
     return rows(matches.get());
 }

@@ -1,94 +1,196 @@
-// velactl: the library from the command line.
+// velactl: the library from the command line. Words are told apart here: options, the command, its arguments.
 #include "command.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string_view>
+#include <vector>
 #include <vela/core/log.h>
 
-namespace
+namespace velactl
 {
 
-using velactl::command;
-using velactl::status;
-
-struct group {
-    const char *title;
-    const std::span<const command> &commands;
+constexpr group all_groups[] = {
+    {"The device", device_commands},
+    {"Its configuration", config_commands},
+    {"Daemons and services", service_commands},
+    {"The network", network_commands},
+    {"Radios and the mesh", wireless_commands},
 };
+const std::span<const group> groups{all_groups};
 
-const group groups[] = {
-    {"The device", velactl::device_commands},
-    {"Its configuration", velactl::config_commands},
-    {"Daemons and services", velactl::service_commands},
-    {"The network", velactl::network_commands},
-    {"Radios and the mesh", velactl::wireless_commands},
-};
+settings chosen;
 
-std::string synopsis(const command &c) { return std::string(c.name) + (*c.parameters ? " " : "") + c.parameters; }
-
-void help(FILE *out)
+const char *arguments::value(std::string_view option) const
 {
-    fputs("usage: velactl [OPTION...] COMMAND [ARGUMENT...]\n\n"
-          "  --json, -j      print JSON, for scripts\n"
-          "  --config FILE   ask this configuration file instead of /tmp/system.cfg\n"
-          "  --verbose, -v   show what the library logs, on standard error; twice: all of it\n"
-          "  --help, -h      this page; velactl COMMAND --help for one command\n"
-          "  --version       the library's version\n",
-          out);
-    for (const auto &g : groups) {
-        fprintf(out, "\n%s\n", g.title);
-        for (const auto &c : g.commands) {
-            const std::string left = synopsis(c);
-            fprintf(out, "  %-34s%s\n", left.c_str(), c.help);
-        }
-    }
-    fputs("\nExit status: 0 done, 1 tried and failed, 2 wrong usage, 3 not on this host.\n", out);
-}
-
-const command *find(std::string_view name)
-{
-    for (const auto &g : groups) {
-        const auto found =
-            std::find_if(g.commands.begin(), g.commands.end(), [name](const auto &c) { return name == c.name; });
-        if (found != g.commands.end()) return &*found;
+    for (const auto &given : options_) {
+        if (given.name == option) return given.value;
     }
     return nullptr;
 }
 
-struct options {
-    bool as_json = false;
-    bool wants_help = false;
-    bool wants_version = false;
-    int verbose = 0;
-    char **rest = nullptr; ///< the command and what follows it
+trouble refused(const std::string &text, int negative_errno)
+{
+    status with = status::failed;
+    if (negative_errno == -ETIMEDOUT) with = status::late;
+    if (negative_errno == -ENODEV || negative_errno == -ENOENT || negative_errno == -EOPNOTSUPP) {
+        with = status::unavailable;
+    }
+    return {with, text, -negative_errno};
+}
+
+} // namespace velactl
+
+namespace
+{
+
+using velactl::arguments;
+using velactl::chosen;
+using velactl::command;
+using velactl::option;
+using velactl::status;
+using velactl::trouble;
+
+/// An option that stands with any command.
+struct common_option {
+    option words;
+    char letter; ///< '\0': none
+    void (*take)(const char *value);
 };
 
-options parse_options(char **argv)
+bool wants_help = false;
+bool wants_version = false;
+const char *wanted_document = nullptr;
+
+constexpr common_option common[] = {
+    {{"--json", "", "print JSON, for scripts"}, 'j', [](const char *) { chosen.as_json = true; }},
+    {{"--config", "FILE", "ask this configuration file instead of /tmp/system.cfg"},
+     '\0',
+     [](const char *value) { chosen.config_path = value; }},
+    {{"--verbose", "", "say why something failed and show what the library logs; twice: all of it"},
+     'v',
+     [](const char *) { ++chosen.verbose; }},
+    {{"--help", "", "this page; with a command, what it does"}, 'h', [](const char *) { wants_help = true; }},
+    {{"--version", "", "the library's version"}, '\0', [](const char *) { wants_version = true; }},
+    {{"--document", "FORMAT", "print the man page (man), completion (bash) or reference (markdown)"},
+     '\0',
+     [](const char *value) { wanted_document = value; }},
+};
+
+constexpr auto common_words = [] {
+    std::array<option, std::size(common)> words{};
+    for (size_t i = 0; i < words.size(); ++i) words[i] = common[i].words;
+    return words;
+}();
+
+const common_option *find_common(std::string_view name)
 {
-    options given;
-    for (given.rest = argv + 1; *given.rest && **given.rest == '-'; ++given.rest) {
-        const std::string_view option = *given.rest;
-        if (option == "--json" || option == "-j") {
-            given.as_json = true;
-        } else if (option == "--verbose" || option == "-v") {
-            ++given.verbose;
-        } else if (option == "--help" || option == "-h") {
-            given.wants_help = true;
-        } else if (option == "--version") {
-            given.wants_version = true;
-        } else if (option == "--config") {
-            if (!given.rest[1]) throw velactl::trouble(status::misused, "--config wants a file");
-            velactl::config_path = *++given.rest;
+    const auto *found = std::find_if(std::begin(common), std::end(common), [name](const common_option &o) {
+        return name == o.words.name || (o.letter && name.size() == 2 && name[0] == '-' && name[1] == o.letter);
+    });
+    return found == std::end(common) ? nullptr : found;
+}
+
+bool is_option(const char *word) { return word[0] == '-' && word[1] != '\0'; }
+std::string_view name_of(const char *word) { return std::string_view(word).substr(0, strcspn(word, "=")); }
+
+/// The first word that is neither an option nor the value of one that any command has.
+char **find_command_word(char **argv)
+{
+    for (char **word = argv + 1; *word; ++word) {
+        if (!is_option(*word)) return word;
+        const common_option *known = find_common(name_of(*word));
+        if (known && *known->words.value && !strchr(*word, '=') && word[1]) ++word;
+    }
+    return nullptr;
+}
+
+/// The command line, word by word. Options may stand anywhere; after "--" there are none.
+struct command_line {
+    const command *wanted = nullptr;
+    std::vector<char *> words; ///< the command's arguments
+    std::vector<arguments::chosen> options;
+};
+
+/// An option's value, behind its "=" or the next word; "" for one that takes none.
+const char *value_of(const option &o, const char *word, char **&next)
+{
+    const char *equals = strchr(word, '=');
+    if (!*o.value) {
+        if (equals) throw trouble(status::misused, std::string(o.name) + " takes no value");
+        return "";
+    }
+    if (equals) return equals + 1;
+    if (!*next) throw trouble(status::misused, std::string(o.name) + " wants a value: " + o.value);
+    return *next++;
+}
+
+[[noreturn]] void unknown_option(const command *c, std::string_view name)
+{
+    std::vector<const char *> known;
+    const auto add_name = [&known](const option &o) { known.emplace_back(o.name); };
+    std::for_each(common_words.begin(), common_words.end(), add_name);
+    if (c) std::for_each(c->options.begin(), c->options.end(), add_name);
+    throw trouble(status::misused, "unknown option " + std::string(name) + velactl::suggestion(name, known) +
+                                       "; velactl --help lists them");
+}
+
+/// "-jv": several letters at once, each an option without a value.
+bool take_letters(std::string_view letters)
+{
+    const auto known = [](char letter) { return find_common(std::string{'-', letter}) != nullptr; };
+    if (letters.empty() || !std::all_of(letters.begin(), letters.end(), known)) return false;
+    for (const char letter : letters) find_common(std::string{'-', letter})->take("");
+    return true;
+}
+
+void take_option(command_line &line, const char *word, char **&next)
+{
+    const std::string_view name = name_of(word);
+    if (const common_option *o = find_common(name)) return o->take(value_of(o->words, word, next));
+    if (word[1] != '-' && take_letters(word + 1)) return;
+    for (const option &o : line.wanted ? line.wanted->options : std::span<const option>{}) {
+        if (name == o.name) return line.options.push_back({o.name, value_of(o, word, next)});
+    }
+    unknown_option(line.wanted, name);
+}
+
+/// "help COMMAND" is "COMMAND --help".
+const command *read_command(const char *word)
+{
+    const command *found = velactl::find_command(word);
+    if (found) return found;
+    throw trouble(status::misused, std::string("unknown command ") + word + velactl::suggested_command(word) +
+                                       "; velactl --help lists them");
+}
+
+command_line read(char **argv)
+{
+    command_line line;
+    char **command_word = find_command_word(argv);
+    char **help_word = nullptr;
+    if (command_word && strcmp(*command_word, "help") == 0) {
+        wants_help = true;
+        help_word = command_word;
+        command_word = find_command_word(command_word);
+    }
+    if (command_word) line.wanted = read_command(*command_word);
+    bool options_over = false;
+    for (char **next = argv + 1; *next;) {
+        char **word = next++;
+        if (word == command_word || word == help_word) continue;
+        if (options_over || !is_option(*word)) {
+            line.words.push_back(*word);
+        } else if (strcmp(*word, "--") == 0) {
+            options_over = true;
         } else {
-            throw velactl::trouble(status::misused,
-                                   "unknown option " + std::string(option) + "; velactl --help lists them");
+            take_option(line, *word, next);
         }
     }
-    return given;
+    return line;
 }
 
 // A tool talks to a person: what the library logs is shown when asked for, and never goes to the system log.
@@ -99,43 +201,33 @@ void set_log(int verbose)
     libvela_log_init_from_env();
 }
 
-void show(const velactl::json &result, bool as_json)
-{
-    if (!result) return;
-    if (!as_json) return velactl::print(result.get());
-    json_dumpf(result.get(), stdout, JSON_INDENT(2) | JSON_ENCODE_ANY);
-    putchar('\n');
-}
-
 status run(char **argv)
 {
-    const options given = parse_options(argv);
-    if (given.wants_version) {
+    const command_line line = read(argv);
+    if (wanted_document) {
+        if (velactl::print_document(wanted_document, common_words)) return status::done;
+        throw trouble(status::misused, std::string("no document \"") + wanted_document + "\": man, bash or markdown");
+    }
+    if (wants_version) {
         puts("velactl " VELA_VERSION);
         return status::done;
     }
-    if (given.wants_help || !*given.rest) {
-        help(given.wants_help ? stdout : stderr);
-        return given.wants_help ? status::done : status::misused;
-    }
-    const command *chosen = find(*given.rest);
-    if (!chosen) {
-        throw velactl::trouble(status::misused,
-                               std::string("unknown command ") + *given.rest + "; velactl --help lists them");
-    }
-    size_t count = 0;
-    while (given.rest[count + 1]) ++count;
-    const velactl::arguments arguments{given.rest + 1, count};
-    const std::string usage = "usage: velactl " + synopsis(*chosen);
-    if (count == 1 && (strcmp(arguments[0], "--help") == 0 || strcmp(arguments[0], "-h") == 0)) {
-        printf("%s\n%s\n", usage.c_str(), chosen->help);
+    if (line.wanted && wants_help) {
+        velactl::print_help(*line.wanted);
         return status::done;
     }
-    if (count < chosen->least || count > chosen->most) {
-        throw velactl::trouble(status::misused, "arguments missing or too many; " + usage);
+    if (!line.wanted) {
+        velactl::print_usage(wants_help ? stdout : stderr, common_words);
+        return wants_help ? status::done : status::misused;
     }
-    set_log(given.verbose);
-    show(chosen->run(arguments), given.as_json);
+    const command &c = *line.wanted;
+    if (line.words.size() < c.least || line.words.size() > c.most) {
+        throw trouble(status::misused, std::string("arguments ") +
+                                           (line.words.size() < c.least ? "missing" : "too many") +
+                                           "; usage: velactl " + velactl::synopsis(c));
+    }
+    set_log(chosen.verbose);
+    velactl::show(c, c.run({line.words, line.options}));
     return status::done;
 }
 
@@ -145,11 +237,12 @@ int main(int, char **argv)
 {
     try {
         const status result = run(argv);
-        if (fflush(stdout) != 0)
-            throw velactl::trouble(status::failed, std::string("cannot write: ") + strerror(errno));
+        if (fflush(stdout) != 0) throw trouble(status::failed, "the output cannot be written", errno);
         return static_cast<int>(result);
-    } catch (const velactl::trouble &t) {
+    } catch (const trouble &t) {
         fprintf(stderr, "velactl: %s\n", t.what());
+        if (chosen.verbose > 0 && t.error > 0)
+            fprintf(stderr, "velactl: reason: %s (%d)\n", strerror(t.error), t.error);
         return static_cast<int>(t.exits_with);
     } catch (const std::exception &e) {
         fprintf(stderr, "velactl: %s\n", e.what());

@@ -1,9 +1,12 @@
+// How velactl prints: answers for people and for scripts, and what a wait shows.
 #include "command.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <unistd.h>
 #include <vector>
 #include <vela/core/util.h>
 
@@ -167,6 +170,22 @@ long long number(const char *text, const char *what, long long least, long long 
     return value;
 }
 
+void address(const char *text, const char *what, uint8_t mac[6])
+{
+    unsigned parts[6];
+    char end = 0;
+    const int read = sscanf(text, "%2x:%2x:%2x:%2x:%2x:%2x%c", &parts[0], &parts[1], &parts[2], &parts[3], &parts[4],
+                            &parts[5], &end);
+    if (read != 6) {
+        throw trouble(status::misused,
+                      std::string(what) + " must be six hexadecimal bytes with colons, not \"" + text + "\"");
+    }
+    for (int i = 0; i < 6; ++i) mac[i] = static_cast<uint8_t>(parts[i]);
+}
+
+namespace
+{
+
 void print(const json_t *value)
 {
     if (is_table(value)) {
@@ -179,6 +198,90 @@ void print(const json_t *value)
     } else {
         say(as_text(value));
     }
+}
+
+/// Every member of the command's table is there, in its order, null where nothing is known; others follow.
+void complete(const command &c, json &row)
+{
+    if (c.fields.empty() || !json_is_object(row.get())) return;
+    json whole = object();
+    for (const field &f : c.fields) {
+        json_t *member = json_object_get(row.get(), f.name);
+        json_object_set_new(whole.get(), f.name, member ? json_incref(member) : json_null());
+    }
+    json_object_update_missing(whole.get(), row.get());
+    row = std::move(whole);
+}
+
+void complete_all(const command &c, json &answer)
+{
+    if (!json_is_array(answer.get())) return complete(c, answer);
+    for (size_t i = 0; i < json_array_size(answer.get()); ++i) {
+        json row{json_incref(json_array_get(answer.get(), i))};
+        complete(c, row);
+        json_array_set_new(answer.get(), i, row.release());
+    }
+}
+
+/// The version changes when a member changes its meaning or goes; members may be added at any time.
+constexpr int schema = 1;
+
+void print_json(const command &c, json answer, size_t flags)
+{
+    json envelope = object();
+    set(envelope, "schema", schema);
+    set(envelope, "command", c.name);
+    set(envelope, "result", answer ? std::move(answer) : json{json_null()});
+    json_dumpf(envelope.get(), stdout, flags);
+    putchar('\n');
+}
+
+} // namespace
+
+void show(const command &c, json answer)
+{
+    complete_all(c, answer);
+    if (chosen.as_json) return print_json(c, std::move(answer), JSON_INDENT(2));
+    if (answer) print(answer.get());
+}
+
+void show_line(const command &c, json row)
+{
+    complete(c, row);
+    if (chosen.as_json) {
+        print_json(c, std::move(row), JSON_COMPACT);
+    } else {
+        std::string line;
+        const char *key = nullptr;
+        json_t *member = nullptr;
+        json_object_foreach(row.get(), key, member)
+        {
+            if (!json_is_null(member)) line += (line.empty() ? "" : "  ") + std::string(key) + " " + as_text(member);
+        }
+        say(std::move(line));
+    }
+    fflush(stdout);
+}
+
+progress::progress(const char *what) : shown_(isatty(STDERR_FILENO) != 0)
+{
+    if (shown_) fprintf(stderr, "%s ...", what);
+}
+
+progress::~progress()
+{
+    if (shown_) fputs("\r\033[K", stderr);
+}
+
+bool pause_ms(int ms)
+{
+    sigset_t endings;
+    sigemptyset(&endings);
+    sigaddset(&endings, SIGINT);
+    sigaddset(&endings, SIGTERM);
+    const timespec limit = {ms / 1000, static_cast<long>(ms % 1000) * 1000000};
+    sigprocmask(SIG_BLOCK, &endings, nullptr); // kept blocked: one that comes between two waits ends the next
+    return sigtimedwait(&endings, nullptr, &limit) < 0;
 }
 
 } // namespace velactl
