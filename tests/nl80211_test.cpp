@@ -206,3 +206,27 @@ TEST_F(Nl80211, OutputsStayUntouchedOnFailure)
                             "couldn't obtain TX power of the interface nowhere", "couldn't get interface index nowhere",
                             "couldn't obtain interface PHY index, ret = -5"));
 }
+
+TEST_F(Nl80211, EventSocketInTroubleSaysWhy)
+{
+    const auto complaint = [](int code) {
+        return log_line{"error", "nl80211", "vl_nl80211_loop_event",
+                        std::string("an error occurred while receiving messages: ") + nl_geterror(code)};
+    };
+    vl_nl80211_service unconnected = {};
+    unconnected.cb = nl_cb_alloc(NL_CB_DEFAULT);
+    unconnected.event_sock = nl_socket_alloc();
+    vl_nl80211_loop_event(0, 0, &unconnected);
+    EXPECT_THAT(log.take(), ElementsAre(complaint(-NLE_BAD_SOCK)));
+    nl_socket_free(unconnected.event_sock);
+    nl_cb_put(unconnected.cb);
+
+    service.event_sock = kernel.socket();
+    kernel.fail_receive(-5);
+    vl_nl80211_loop_event(0, 0, &service);
+    EXPECT_THAT(log.take(), ElementsAre(complaint(-5), log_line{"debug", "nl80211", "vl_nl80211_loop_event",
+                                                                "events were lost, what they told must be asked"}));
+    kernel.fail_receive(-4);
+    vl_nl80211_loop_event(0, 0, &service);
+    EXPECT_THAT(log.take(), ElementsAre());
+}

@@ -230,6 +230,36 @@ TEST_F(Nl80211, NewestHandlerIsCalledFirstAndMayChangeTheList)
     EXPECT_EQ(0, service.family);
 }
 
+TEST_F(Nl80211, EachThreadMayHaveAServiceOfItsOwn)
+{
+    std::atomic heard = 0;
+    const auto listen = [&] {
+        static thread_local int events;
+        events = 0;
+        event_base *mine = event_base_new();
+        vl_nl80211_service own = {};
+        ASSERT_EQ(0, vl_nl80211_service_init(&own, mine));
+        for (int n = 0; n < 50; ++n) {
+            vl_nl80211_register_command_callback(&own, NL80211_CMD_NEW_WIPHY,
+                                                 [](auto *, auto **, uint8_t) { return ++events; });
+        }
+        ++heard; // ready
+        machine::eventually([&] {
+            event_base_loop(mine, EVLOOP_NONBLOCK);
+            return events >= 50 * 100;
+        });
+        heard += events;
+        vl_nl80211_service_deinit(&own);
+        event_base_free(mine);
+    };
+    std::thread one(listen), other(listen);
+    while (heard < 2) std::this_thread::yield();
+    for (int n = 0; n < 100; ++n) cause_event();
+    one.join();
+    other.join();
+    EXPECT_EQ(2 + 2 * 50 * 100, heard);
+}
+
 TEST_F(Nl80211, LostAndUnfinishedEventsDoNotStopTheLoop)
 {
     log_lines log;

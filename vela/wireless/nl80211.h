@@ -4,7 +4,12 @@
  * for events.
  *
  * The record belongs to the caller, who clears it to zero before the first init. Requests are synchronous, one at a
- * time per service; events arrive inside the caller's event loop. Nothing is locked: use a service from one thread.
+ * time per service; events arrive inside the caller's event loop. Nothing is locked: use a service from one thread;
+ * another thread may use another service.
+ *
+ * A request blocks until the kernel has answered, without a time limit. The kernel answers while it takes the request,
+ * so this is well under 1 ms but for drivers that wait for their radio. vl_nl80211_service_init() makes 6 requests,
+ * vl_nl80211_parent_interface() up to 5, everything else at most one; reading events never blocks.
  *
  * Results are 0 for success and negative for failure: a negated errno (what the kernel answered, -EIO for a request
  * that could not be built, -ENOMEM, -EINVAL, -EAGAIN for a dump that changed while it was read) or a negative libnl
@@ -62,11 +67,8 @@ struct vl_nl80211_service {
     struct nl_sock *event_sock;
     int32_t family;
     struct event *event;
-    /** Circular, oldest first; while initialised and empty it points to itself. */
-    struct {
-        vl_nl80211_command_callback *next;
-        vl_nl80211_command_callback *prev;
-    } callbacks;
+    /** Head of the circular list, oldest first; only its links count. While initialised and empty they point to it. */
+    vl_nl80211_command_callback callbacks;
 };
 
 /**
