@@ -9,6 +9,7 @@
 #include <unistd.h>
 #include <vector>
 #include <vela/core/util.h>
+#include <vela/net/gateway.h>
 
 namespace velactl
 {
@@ -154,8 +155,7 @@ void append(const json &array, json value) { json_array_append_new(array.get(), 
 std::string address(const uint8_t *mac)
 {
     char text[18];
-    snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
-    return text;
+    return gateway_mac_to_str(mac, text, sizeof text) == 0 ? text : "";
 }
 
 long long number(const char *text, const char *what, long long least, long long most)

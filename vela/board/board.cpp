@@ -5,11 +5,11 @@
 #include <cstddef>
 #include <cstdlib>
 #include <iterator>
-#include <span>
 #include <string_view>
 #include <vela/board/board.h>
 #include <vela/core/file.h>
 #include <vela/core/internal/json.h>
+#include <vela/core/internal/numbers.h>
 #include <vela/core/internal/own.h>
 #include <vela/core/internal/text.h>
 
@@ -43,17 +43,14 @@ constinit const board_record *cached = nullptr;
 
 std::span<const phy_group> groups_of(const board_record &board)
 {
-    return {board.phy_groups, std::min<size_t>(board.phy_group_count, BOARD_MAX_PHY_GROUPS)};
+    return vela::counted(board.phy_groups, board.phy_group_count);
 }
 
-std::span<const phy_port> ports_of(const phy_group &group)
-{
-    return {group.ports, std::min<size_t>(group.port_count, BOARD_MAX_GROUP_PORTS)};
-}
+std::span<const phy_port> ports_of(const phy_group &group) { return vela::counted(group.ports, group.port_count); }
 
 std::span<const board_radio> radios_of(const board_record &board)
 {
-    return {board.radios, std::min<size_t>(board.radio_count, BOARD_MAX_RADIOS)};
+    return vela::counted(board.radios, board.radio_count);
 }
 
 bool is_uplink(const phy_port &port)

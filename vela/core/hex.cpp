@@ -130,12 +130,8 @@ size_t hex2uchar(const char *text, uint8_t *out, size_t size)
 
 int strtomac(const char *text, uint8_t mac[6])
 {
-    unsigned fields[6];
-    if (!text || !mac ||
-        sscanf(text, "%02x:%02x:%02x:%02x:%02x:%02x", &fields[0], &fields[1], &fields[2], &fields[3], &fields[4],
-               &fields[5]) != 6) {
-        return -1;
-    }
-    std::copy(std::begin(fields), std::end(fields), mac);
+    uint8_t fields[6];
+    if (!text || !mac || vela::read_mac(text, fields) != 6) return -1;
+    memcpy(mac, fields, sizeof fields);
     return 0;
 }

@@ -226,9 +226,7 @@ json_t *mac_str_to_oui_json_string(const char *mac)
 {
     if (!mac) return nullptr;
     uint8_t byte[6] = {};
-    const int fields = sscanf(mac, "%02hhx:%02hhx:%02hhx:%02hhx:%02hhx:%02hhx", &byte[0], &byte[1], &byte[2], &byte[3],
-                              &byte[4], &byte[5]);
-    if (fields < 3) return nullptr;
+    if (vela::read_mac(mac, byte) < 3) return nullptr;
     return json_string(vela::formatted<sizeof "000000">{"%02x%02x%02x", byte[0], byte[1], byte[2]}.c_str());
 }
 

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <vela/core/internal/log.h>
 #include <vela/core/internal/own.h>
+#include <vela/core/internal/stream.h>
 #include <vela/core/internal/text.h>
 #include <vela/core/util.h>
 
@@ -17,7 +18,7 @@ constexpr const char *log_module = "libvela_util";
 constexpr const char *seed_path = "/dev/urandom";
 constexpr std::string_view alphanumerics = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
 constexpr char pattern_separator = '|';
-constexpr size_t config_line_max = 255; // characters of a line that comment_out_lines looks at
+constexpr size_t config_line_size = 256; // of a line that comment_out_lines looks at, with a NUL
 constexpr size_t ipv6_size = 16;
 constexpr int ipv6_bits = 128;
 
@@ -40,38 +41,15 @@ void reseed()
 
 uint8_t random_byte() { return static_cast<uint8_t>(rand()); }
 
-/// One line of a stream, as far as it is looked at.
-struct config_line {
-    std::array<char, config_line_max> bytes;
-    size_t length = 0;
-    bool is_whole = true;
-
-    [[nodiscard]] bool contains(std::string_view pattern) const
-    {
-        return memmem(bytes.data(), length, pattern.data(), pattern.size()) != nullptr;
-    }
-};
-
-/// Reads the next line, its line feed included; of one that is too long, the start, and skips the rest. Goes by what
-/// was read and not by NULs, which may stand anywhere. False at the end.
-bool next_line(FILE *stream, config_line &line)
+bool contains(std::string_view line, std::string_view pattern)
 {
-    line.length = 0;
-    line.is_whole = true;
-    for (int c; (c = getc(stream)) != EOF;) {
-        if (line.length == line.bytes.size()) {
-            line.is_whole = false;
-        } else {
-            line.bytes[line.length++] = static_cast<char>(c);
-        }
-        if (c == '\n') break;
-    }
-    return line.length != 0;
+    return memmem(line.data(), line.size(), pattern.data(), pattern.size()) != nullptr; // lines may hold NULs
 }
 
-bool comment_out(FILE *stream, const config_line &line)
+/// Overwrites the first character of a line of so many bytes, just read.
+bool comment_out(FILE *stream, size_t line_length)
 {
-    const auto length = static_cast<off_t>(line.length);
+    const auto length = static_cast<off_t>(line_length);
     return fseeko(stream, -length, SEEK_CUR) == 0 && putc('#', stream) == '#' &&
            fseeko(stream, length - 1, SEEK_CUR) == 0;
 }
@@ -81,10 +59,11 @@ bool comment_out_pattern(FILE *stream, std::string_view pattern)
 {
     if (fseeko(stream, 0, SEEK_SET) != 0) return false;
     bool done = true;
-    for (config_line line; next_line(stream, line);) {
-        if (!line.is_whole) {
+    char room[config_line_size];
+    while (const auto line = vela::read_line(stream, room)) {
+        if (!line->is_whole) {
             done = false;
-        } else if (line.contains(pattern) && !comment_out(stream, line)) {
+        } else if (contains(line->text, pattern) && !comment_out(stream, line->text.size())) {
             return false;
         }
     }

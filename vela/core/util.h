@@ -61,6 +61,7 @@ VELA_API size_t hex2uchar(const char *text, uint8_t *out, size_t size);
 
 /**
  * Reads a MAC address: six fields of one or two hexadecimal digits, separated by colons. Text behind it is ignored.
+ * gateway_mac_to_str() (vela/net/gateway.h) writes one.
  *
  * @param mac  receives six bytes; written only on success
  * @return 0; -1 when one of the fields does not parse

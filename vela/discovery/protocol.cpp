@@ -212,8 +212,7 @@ bool init(int member)
 {
     constexpr const char *step = "vela_protocol_init";
     read_device_id();
-    const uint8_t *id = ctrl.device_id;
-    log_info_as(step, "VELA_DEVICE[%02x:%02x:%02x:%02x:%02x:%02x]", id[0], id[1], id[2], id[3], id[4], id[5]);
+    log_info_as(step, "VELA_DEVICE[%s]", vela::mac_text{ctrl.device_id}.c_str());
     const config_ptr config = load_config(step, member_config_path);
     if (!config) return false;
     const char *key = get_value(config.get(), nullptr, "%s", key_name);

@@ -6,7 +6,9 @@
 #include <vela/core/file.h>
 #include <vela/core/internal/log.h>
 #include <vela/core/internal/own.h>
+#include <vela/core/internal/stream.h>
 #include <vela/core/internal/text.h>
+#include <vela/core/util.h>
 #include <vela/mesh/internal/uplink.h>
 #include <vela/mesh/uplink.h>
 
@@ -32,20 +34,6 @@ constexpr size_t vlan_line_size = 64; // longer lines are cut
 constexpr int32_t active_threshold_s = 34;
 
 vela::file_ptr open_for_reading(const char *path) { return vela::file_ptr{fopen(path, "re")}; }
-
-/// The next line, cut to what fits and without its end; the rest of a longer line is dropped. False at end of file.
-template <size_t N> bool read_line(FILE *file, char (&line)[N])
-{
-    size_t length = 0;
-    int c = getc(file);
-    if (c == EOF) return false;
-    for (; c != EOF && c != '\n'; c = getc(file)) {
-        if (length < N - 1) line[length++] = static_cast<char>(c);
-    }
-    if (length != 0 && line[length - 1] == '\r') --length;
-    line[length] = '\0';
-    return true;
-}
 
 /// The next word, cut to what fits. False at end of file.
 bool read_word(FILE *file, char (&word)[name_size])
@@ -88,16 +76,13 @@ void find_mld(uplink_entry &entry, const char *real)
     const vela::file_ptr mlds = open_for_reading(mlds_path);
     if (!mlds) return;
     char mld[name_size];
-    while (read_line(mlds.get(), mld)) {
+    while (vela::read_text_line(mlds.get(), mld)) {
         const vela::formatted<64> path{mld_link_format, mld, real};
         if (!*mld || !exists(path.c_str())) continue;
         vela::copy_text(entry.mld_devname, mld);
         char address[32];
         freadline(path.c_str(), address, sizeof address, "");
-        uint8_t mac[6];
-        if (sscanf(address, "%02hhx:%02hhx:%02hhx:%02hhx:%02hhx:%02hhx", &mac[0], &mac[1], &mac[2], &mac[3], &mac[4],
-                   &mac[5]) == 6) {
-            memcpy(entry.mld_mac, mac, sizeof mac);
+        if (strtomac(address, entry.mld_mac) == 0) {
             log_debug_as("add_uplink_wds_ifaces_info_devname", "Found MLD device %s for interface %s with MAC %s", mld,
                          entry.devname, address);
         }
@@ -113,14 +98,14 @@ namespace vela
 void uplink::find_real_ifname(FILE *vlans, const char *vif, char (&real)[16])
 {
     char line[vlan_line_size];
-    while (read_line(vlans, line)) take_vlan(line, vif, real);
+    while (vela::read_text_line(vlans, line)) take_vlan(line, vif, real);
 }
 
 bool uplink::add_listed(FILE *names, uplink_table &t)
 {
     bool all = true;
     char name[name_size];
-    while (read_line(names, name)) {
+    while (vela::read_text_line(names, name)) {
         if (*name && add_uplink_wds_ifaces_info_devname(&t, name) != 0) all = false;
     }
     return all;
@@ -264,7 +249,7 @@ int uplink_ifname_identify(uplink_table *t, char *wired, size_t n)
     if (exists(uplinks_path) && exists(wired_path)) {
         (void)populate_uplink_wds_ifnames_info_devnames(t); // names that did not fit are logged
         char port[name_size] = "";
-        if (const vela::file_ptr named = open_for_reading(wired_path)) (void)read_line(named.get(), port);
+        if (const vela::file_ptr named = open_for_reading(wired_path)) (void)vela::read_text_line(named.get(), port);
         vela::copy_text(wired, n, *port ? port : default_wired);
         return 0;
     }

@@ -55,12 +55,10 @@ struct candidate_list {
 
 template <class Wanted> void add_board_ports(candidate_list &list, const board_record *board, Wanted wanted)
 {
-    if (!board) return;
-    for (int g = 0; g < std::min<int>(board->phy_group_count, BOARD_MAX_PHY_GROUPS); ++g) {
-        const phy_group &group = board->phy_groups[g];
-        for (int p = 0; p < std::min<int>(group.port_count, BOARD_MAX_GROUP_PORTS); ++p) {
-            if (is_ethernet(group.ports[p].name) && wanted(group.ports[p])) list.add(group.ports[p].name);
-        }
+    unsigned group = 0;
+    unsigned port = 0;
+    while (const phy_port *next = board_get_next_phy(board, &group, &port)) {
+        if (is_ethernet(next->name) && wanted(*next)) list.add(next->name);
     }
 }
 

@@ -13,10 +13,12 @@
 #include <vela/board/board.h>
 #include <vela/core/internal/json.h>
 #include <vela/core/internal/log.h>
+#include <vela/core/internal/numbers.h>
 #include <vela/core/internal/own.h>
 #include <vela/core/internal/text.h>
 #include <vela/core/internal/wait.h>
 #include <vela/core/json.h>
+#include <vela/core/util.h>
 #include <vela/net/bridge.h>
 #include <vela/services/internal/lldp.h>
 #include <vela/services/lldp.h>
@@ -173,15 +175,11 @@ bool is_named(const char *port, const phy_port &p) { return p.name && *p.name &&
 /// The port id that the board's groups give a name.
 const phy_port *find_port(const board_record &board, const char *port)
 {
-    for (int g = 0; g < std::min<int>(board.phy_group_count, BOARD_MAX_PHY_GROUPS); ++g) {
-        const phy_group &group = board.phy_groups[g];
-        if (group.kind == PHY_GROUP_SINGLE) {
-            if (group.port_count != 1) return nullptr; // on purpose: ends the search, whatever follows
-            if (is_named(port, group.ports[0])) return &group.ports[0];
-        } else if (group.kind == PHY_GROUP_MULTI) {
-            for (int p = 0; p < std::min<int>(group.port_count, BOARD_MAX_GROUP_PORTS); ++p) {
-                if (is_named(port, group.ports[p])) return &group.ports[p];
-            }
+    for (const phy_group &group : vela::counted(board.phy_groups, board.phy_group_count)) {
+        if (group.kind == PHY_GROUP_SINGLE && group.port_count != 1) break; // on purpose, whatever follows
+        if (group.kind != PHY_GROUP_SINGLE && group.kind != PHY_GROUP_MULTI) continue;
+        for (const phy_port &p : vela::counted(group.ports, group.port_count)) {
+            if (is_named(port, p)) return &p;
         }
     }
     return nullptr;
@@ -306,11 +304,8 @@ void copy_description(char *out, int size, const char *description)
 void copy_oui(char *out, size_t size, const char *chassis_id)
 {
     uint8_t id[6];
-    if (!out || size <= 6) return;
-    if (sscanf(chassis_id, "%02hhx:%02hhx:%02hhx:%02hhx:%02hhx:%02hhx", &id[0], &id[1], &id[2], &id[3], &id[4],
-               &id[5]) == 6) {
-        (void)snprintf(out, size, "%02x%02x%02x", id[0], id[1], id[2]); // seven bytes fit
-    }
+    if (!out || size <= 6 || strtomac(chassis_id, id) != 0) return;
+    (void)snprintf(out, size, "%02x%02x%02x", id[0], id[1], id[2]); // seven bytes fit
 }
 
 void clear(char *out, size_t size)

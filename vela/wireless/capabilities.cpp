@@ -2,9 +2,9 @@
 // stands which boards have it.
 
 #include <algorithm>
-#include <span>
 #include <vela/board/board.h>
 #include <vela/board/model.h>
+#include <vela/core/internal/numbers.h>
 #include <vela/wireless/freq.h>
 
 namespace
@@ -31,8 +31,8 @@ bool some_radio_has(uint32_t flag)
 {
     const board_record *board = board_identify();
     if (!board) return false;
-    const std::span radios{board->radios, std::min<size_t>(board->radio_count, BOARD_MAX_RADIOS)};
-    return std::any_of(radios.begin(), radios.end(), [flag](const board_radio &r) { return (r.flags & flag) != 0; });
+    return std::ranges::any_of(vela::counted(board->radios, board->radio_count),
+                               [flag](const board_radio &r) { return (r.flags & flag) != 0; });
 }
 
 } // namespace

@@ -114,7 +114,7 @@ namespace vela::regulatory
 void read_channels(FILE *listing, int32_t antenna_gain, limits &channels)
 {
     char line[line_size];
-    while (vela::line_through_signals(listing, line)) {
+    while (vela::read_piece(listing, line) != 0) {
         const auto limit = parse_channel(line, antenna_gain);
         if (limit && channels.count < channels_max) channels.entries[channels.count++] = *limit;
     }
@@ -173,7 +173,7 @@ unsigned vl_regulatory_get_restricted_modes(uint32_t country)
 {
     char line[line_size];
     const vela::pipe_ptr answer = run(vela::formatted<64>{country_command, country}.c_str());
-    const bool answered = answer && vela::line_through_signals(answer.get(), line);
+    const bool answered = answer && vela::read_piece(answer.get(), line) != 0;
     const auto modes = answered ? vela::regulatory::phy_modes(line) : std::nullopt;
     if (modes) return restricted_by(*modes);
     log_error("Couldn't get phymode_bitmap! Proceeding without adjustments.");

@@ -10,6 +10,7 @@
 #include <unistd.h>
 #include <vector>
 #include <vela/discovery/protocol.h>
+#include <vela/net/gateway.h>
 
 namespace
 {
@@ -30,8 +31,7 @@ event_base *base = nullptr;
 void on_packet(const vela_packet *pkt, const uint8_t *payload, uint32_t method)
 {
     char from[18];
-    const uint8_t *id = pkt->device_id;
-    snprintf(from, sizeof from, "%02x:%02x:%02x:%02x:%02x:%02x", id[0], id[1], id[2], id[3], id[4], id[5]);
+    (void)gateway_mac_to_str(pkt->device_id, from, sizeof from); // it fits
     heard.push_back({from, static_cast<uint16_t>(method), {reinterpret_cast<const char *>(payload), pkt->length}});
     if (method == mesh_halt) event_base_loopbreak(base);
 }

@@ -67,7 +67,14 @@ private:
     int length_;
 };
 
-/// A MAC-form address as "02:56:4c:00:00:0a", without the cost of printf.
+/// Reads the fields of a MAC address, colons between them, as far as they parse. Returns how many of the six did.
+inline int read_mac(const char *text, uint8_t (&mac)[6])
+{
+    return sscanf(text, "%02hhx:%02hhx:%02hhx:%02hhx:%02hhx:%02hhx", &mac[0], &mac[1], &mac[2], &mac[3], &mac[4],
+                  &mac[5]);
+}
+
+/// A MAC address as "02:56:4c:00:00:0a", the inverse of strtomac(). gateway_mac_to_str() is the same for programs.
 class mac_text
 {
 public:
