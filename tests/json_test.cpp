@@ -1,28 +1,15 @@
 #include "site/world.h"
 #include "tests/support/faults.h"
+#include "tests/support/json.h"
 #include "tests/support/log_lines.h"
 #include "tests/support/table.h"
 
 #include <gmock/gmock.h>
-#include <vela/core/internal/json.h>
 #include <vela/core/json.h>
 
 using testing::ElementsAre;
 using vela::c_string;
 using vela::json_ref;
-
-namespace
-{
-
-json_ref parsed(const char *text) { return json_ref{json_loads(text, 0, nullptr)}; }
-
-std::string dumped(const json_ref &value)
-{
-    const c_string text{json_dumps(value.get(), JSON_COMPACT | JSON_SORT_KEYS | JSON_ENCODE_ANY)};
-    return text ? text.get() : "nothing";
-}
-
-} // namespace
 
 TEST(Json, ReadersTakeTheirTypeOnly)
 {
