@@ -1,7 +1,8 @@
 // The kernel's own tables as files: /proc/net/arp, and in sysfs the forwarding database (records of 16 bytes) and the
 // ports of a bridge.
 
-#include <cerrno>
+#include <netinet/in.h> // before kernel headers, which define its records again with musl
+//
 #include <cstdlib>
 #include <linux/if_bridge.h>
 #include <net/if.h>
@@ -12,9 +13,8 @@
 #include <vela/core/internal/text.h>
 #include <vela/core/util.h>
 #include <vela/net/bridge.h>
-#include <vela/net/gateway.h>
-#include <vela/net/internal/default_route.h>
 #include <vela/net/internal/interface.h>
+#include <vela/net/internal/routes.h>
 
 namespace
 {
@@ -105,7 +105,7 @@ int get_uplink_device(char *buf, size_t size)
 {
     if (!buf || size == 0) return -1;
     buf[0] = '\0';
-    vela::rtnetlink::route_socket kernel;
+    auto kernel = vela::routing_tables();
     const auto route = vela::fetch_default_route(kernel, vela::interface_query{});
     if (!route) return -1;
     if (is_bridge(route->ifname)) return port_towards(route->ifname, route->gateway_text, buf, size);

@@ -4,6 +4,8 @@
  *
  * The default route names the gateway; the kernel's neighbour table or, failing that, a bridge's forwarding database
  * tells behind which port its hardware address was seen; the port must have link. Nothing is kept between calls.
+ * The kernel answers at once. Where it does not, a call gives up after 2 s of silence, and after 5 s for each of its
+ * one or two questions; a failed question is not asked again.
  */
 #ifndef VELA_NET_GATEWAY_H
 #define VELA_NET_GATEWAY_H
