@@ -160,6 +160,7 @@ void channel::begin(request &question, int flags, size_t limit)
     limit_ = limit;
     left_ns_ = answer_ns;
     changed_ = false;
+    broken_ = false;
     reason_[0] = '\0';
     datagram_ = {};
     result_ = send(question, static_cast<uint16_t>(NLM_F_REQUEST | flags));
@@ -181,17 +182,18 @@ int channel::acknowledge(request &change, int flags)
     return result_;
 }
 
-/// Ends the walk. False, for callers to return.
-bool channel::end(int result)
+void channel::end(int result)
 {
     reading_ = false;
-    result_ = result == 0 && changed_ ? -EAGAIN : result;
-    return false;
+    result_ = result;
+    if (result_ == 0 && changed_) result_ = -EAGAIN;
+    if (result_ == 0 && broken_) result_ = -EBADMSG;
 }
 
-/// Receives the next datagram of the kernel. False when there is none; the walk is at its end then.
-bool channel::receive()
+/// Receives the next datagram of the kernel. Where there is none, the walk is at its end.
+void channel::receive()
 {
+    if (limit_ == 0) return end(0);
     if (left_ns_ <= 0) return end(-ETIMEDOUT);
     const int64_t begin_ns = monotonic_ns().value_or(0);
     const auto until = deadline::earlier(deadline::after_ms(patience_ms),
@@ -220,7 +222,7 @@ bool channel::receive()
         datagram_ = {{block_.get(), static_cast<size_t>(n)}, sequence_, port_};
         limit_ -= std::min<size_t>(cut ? limit_ : NLMSG_ALIGN(static_cast<size_t>(n)), limit_);
         left_ns_ -= monotonic_ns().value_or(0) - begin_ns;
-        return true;
+        return;
     }
 }
 
@@ -243,7 +245,7 @@ void channel::note_end(const message &m)
         }
         utf8_sanitize(reason_);
     }
-    (void)end(error < 0 ? error : 0);
+    end(error < 0 ? error : 0);
 }
 
 std::optional<message> channel::next()
@@ -251,17 +253,14 @@ std::optional<message> channel::next()
     while (reading_) {
         const auto m = datagram_.next();
         if (!m) {
-            if (limit_ == 0)
-                end(0);
-            else
-                receive();
+            broken_ = broken_ || (datagram_.malformed() && limit_ != 0);
+            receive();
             continue;
         }
         changed_ = changed_ || (m->flags & NLM_F_DUMP_INTR) != 0;
-        if (m->type == NLMSG_DONE || m->type == NLMSG_ERROR)
-            note_end(*m);
-        else if (m->type >= NLMSG_MIN_TYPE)
-            return m;
+        const bool last = m->type == NLMSG_DONE || m->type == NLMSG_ERROR;
+        if (last) note_end(*m);
+        if (!last && !broken_ && m->type >= NLMSG_MIN_TYPE) return m;
     }
     return std::nullopt;
 }

@@ -87,6 +87,10 @@ public:
     {
     }
     std::optional<message> next();
+    [[nodiscard]] bool malformed() const
+    {
+        return !rest_.empty();
+    } ///< at the end: something is left that is no message
 
 private:
     std::span<const uint8_t> rest_;
@@ -178,8 +182,8 @@ public:
     int acknowledge(request &change, int flags = 0);
 
     /// How the answer ended: 0; -EAGAIN when the table changed while it was read, everything was delivered then;
-    /// -ETIMEDOUT; -EMSGSIZE for a message beyond the block; -EOPNOTSUPP where the kernel lacks the protocol; any other
-    /// negative errno from the kernel.
+    /// -ETIMEDOUT; -EMSGSIZE for a message beyond the block; -EBADMSG when nothing was delivered from a malformed
+    /// message on; -EOPNOTSUPP where the kernel lacks the protocol; any other negative errno from the kernel.
     [[nodiscard]] int result() const { return result_; }
     /// True when the kernel brought its answer to an end, be it with an error, or the limit was reached.
     [[nodiscard]] bool answered() const { return !unread_ || limit_ == 0; }
@@ -190,8 +194,8 @@ private:
     int open();
     void begin(request &question, int flags, size_t limit);
     int send(request &question, uint16_t flags);
-    bool receive();
-    bool end(int result);
+    void receive();
+    void end(int result);
     void note_end(const message &m);
 
     int protocol_;
@@ -206,6 +210,7 @@ private:
     bool unread_ = false;  // the answer's end was not seen: the next question needs another socket
     bool reading_ = false; // next() has more to give
     bool changed_ = false; // the table, while it was read
+    bool broken_ = false;  // the answer: only its end is still looked for
     int result_ = 0;
     char reason_[128] = "";
 };
