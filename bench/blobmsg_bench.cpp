@@ -99,11 +99,11 @@ void BM_build_peer_json(benchmark::State &state)
     }
 }
 
-BENCHMARK(BM_parse);
-BENCHMARK(BM_parse_peer_walk);
-BENCHMARK(BM_parse_peer_json);
-BENCHMARK(BM_build);
-BENCHMARK(BM_build_peer_json);
+BENCHMARK(BM_parse)->Name("bus message, read/vela");
+BENCHMARK(BM_parse_peer_walk)->Name("bus message, read/scale:bare walk");
+BENCHMARK(BM_parse_peer_json)->Name("bus message, read/jansson");
+BENCHMARK(BM_build)->Name("bus message, built/vela");
+BENCHMARK(BM_build_peer_json)->Name("bus message, built/jansson");
 
 } // namespace
 

@@ -63,9 +63,9 @@ void grow_string(benchmark::State &state)
 
 } // namespace
 
-BENCHMARK(append_vela)->Arg(8)->Arg(64)->Arg(1024);
-BENCHMARK(append_string)->Arg(8)->Arg(64)->Arg(1024);
-BENCHMARK(grow_vela)->Arg(4096)->Arg(65536)->Arg(1 << 20);
-BENCHMARK(grow_string)->Arg(4096)->Arg(65536)->Arg(1 << 20);
+BENCHMARK(append_vela)->Name("buffer append/vela")->Arg(8)->Arg(64)->Arg(1024);
+BENCHMARK(append_string)->Name("buffer append/std::string")->Arg(8)->Arg(64)->Arg(1024);
+BENCHMARK(grow_vela)->Name("buffer filled/vela")->Arg(4096)->Arg(65536)->Arg(1 << 20);
+BENCHMARK(grow_string)->Name("buffer filled/std::string")->Arg(4096)->Arg(65536)->Arg(1 << 20);
 
 BENCHMARK_MAIN();

@@ -67,9 +67,9 @@ void parse_glib(benchmark::State &state)
     }
 }
 
-BENCHMARK(parse_ours)->Arg(500)->Arg(5000);
-BENCHMARK(parse_inih)->Arg(500)->Arg(5000);
-BENCHMARK(parse_glib)->Arg(500)->Arg(5000);
+BENCHMARK(parse_ours)->Name("configuration, parse/vela")->Arg(500)->Arg(5000);
+BENCHMARK(parse_inih)->Name("configuration, parse/inih")->Arg(500)->Arg(5000);
+BENCHMARK(parse_glib)->Name("configuration, parse/GLib")->Arg(500)->Arg(5000);
 
 void last_ours(benchmark::State &state, keys kind)
 {
@@ -100,10 +100,18 @@ void last_strcasecmp(benchmark::State &state, keys kind)
     free_cfg(cfg);
 }
 
-BENCHMARK_CAPTURE(last_ours, early, early)->Arg(50)->Arg(500)->Arg(5000);
-BENCHMARK_CAPTURE(last_strcasecmp, early, early)->Arg(50)->Arg(500)->Arg(5000);
-BENCHMARK_CAPTURE(last_ours, late, late)->Arg(50)->Arg(500)->Arg(5000);
-BENCHMARK_CAPTURE(last_strcasecmp, late, late)->Arg(50)->Arg(500)->Arg(5000);
+BENCHMARK_CAPTURE(last_ours, early, early)->Name("last value, keys differ early/vela")->Arg(50)->Arg(500)->Arg(5000);
+BENCHMARK_CAPTURE(last_strcasecmp, early, early)
+    ->Name("last value, keys differ early/strcasecmp scan")
+    ->Arg(50)
+    ->Arg(500)
+    ->Arg(5000);
+BENCHMARK_CAPTURE(last_ours, late, late)->Name("last value, keys differ late/vela")->Arg(50)->Arg(500)->Arg(5000);
+BENCHMARK_CAPTURE(last_strcasecmp, late, late)
+    ->Name("last value, keys differ late/strcasecmp scan")
+    ->Arg(50)
+    ->Arg(500)
+    ->Arg(5000);
 
 } // namespace
 

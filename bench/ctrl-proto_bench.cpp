@@ -130,10 +130,10 @@ void growth_over_100000(benchmark::State &state)
 
 } // namespace
 
-BENCHMARK(round_trip_service_json)->UseRealTime();
-BENCHMARK(round_trip_bare_own_socket)->UseRealTime();
-BENCHMARK(round_trip_bare_kept_socket)->UseRealTime();
-BENCHMARK(growth_over_100000)->Iterations(100000)->UseRealTime();
+BENCHMARK(round_trip_service_json)->Name("service_json/vela")->UseRealTime();
+BENCHMARK(round_trip_bare_own_socket)->Name("service_json/bare, a socket each")->UseRealTime();
+BENCHMARK(round_trip_bare_kept_socket)->Name("service_json/scale:bare, one socket kept")->UseRealTime();
+BENCHMARK(growth_over_100000)->Name("100000 requests in one process/vela")->Iterations(100000)->UseRealTime();
 
 int main(int argc, char **argv)
 {

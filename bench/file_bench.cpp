@@ -78,9 +78,9 @@ void number_stdio(benchmark::State &state)
 
 } // namespace
 
-BENCHMARK(base64_of_file_vela)->Arg(4096)->Arg(1 << 20);
-BENCHMARK(base64_of_file_openssl)->Arg(4096)->Arg(1 << 20);
-BENCHMARK(base64_of_memory_openssl)->Arg(4096)->Arg(1 << 20);
-BENCHMARK(number_vela);
-BENCHMARK(number_stdio);
+BENCHMARK(base64_of_file_vela)->Name("file as Base64/vela")->Arg(4096)->Arg(1 << 20);
+BENCHMARK(base64_of_file_openssl)->Name("file as Base64/OpenSSL")->Arg(4096)->Arg(1 << 20);
+BENCHMARK(base64_of_memory_openssl)->Name("file as Base64/scale:OpenSSL, from memory")->Arg(4096)->Arg(1 << 20);
+BENCHMARK(number_vela)->Name("number file/vela");
+BENCHMARK(number_stdio)->Name("number file/stdio");
 BENCHMARK_MAIN();

@@ -30,6 +30,6 @@ void empty_call(benchmark::State &state)
 
 } // namespace
 
-BENCHMARK(suppressed_vela);
-BENCHMARK(empty_call);
+BENCHMARK(suppressed_vela)->Name("suppressed log line/vela");
+BENCHMARK(empty_call)->Name("suppressed log line/scale:empty call");
 BENCHMARK_MAIN();

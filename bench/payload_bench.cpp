@@ -29,7 +29,7 @@ void peer_seed(benchmark::State &state)
         srand(seed);
     }
 }
-BENCHMARK(peer_seed)->Name("of it: seeding from /dev/urandom (open, read, close, srand)");
+BENCHMARK(peer_seed)->Name("payload, built and opened/scale:seeding from urandom");
 
 void peer_cipher(benchmark::State &state)
 {
@@ -47,7 +47,7 @@ void peer_cipher(benchmark::State &state)
     }
     EVP_CIPHER_CTX_free(context);
 }
-BENCHMARK(peer_cipher)->Name("peer: OpenSSL encrypts and decrypts it");
+BENCHMARK(peer_cipher)->Name("payload, built and opened/scale:OpenSSL, the cipher only");
 
 void build_and_open(benchmark::State &state)
 {
@@ -59,7 +59,7 @@ void build_and_open(benchmark::State &state)
         free(packet);
     }
 }
-BENCHMARK(build_and_open)->Name("gen_payload and dec_payload");
+BENCHMARK(build_and_open)->Name("payload, built and opened/vela");
 
 } // namespace
 

@@ -88,6 +88,6 @@ void one_mib_bare(benchmark::State &state)
 
 } // namespace
 
-BENCHMARK(one_mib_sk_msg)->UseRealTime();
-BENCHMARK(one_mib_bare)->UseRealTime();
+BENCHMARK(one_mib_sk_msg)->Name("message of 1 MiB/vela")->UseRealTime();
+BENCHMARK(one_mib_bare)->Name("message of 1 MiB/bare loop")->UseRealTime();
 BENCHMARK_MAIN();

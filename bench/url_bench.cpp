@@ -31,8 +31,8 @@ void curl(benchmark::State &state)
     }
 }
 
-BENCHMARK(ours);
-BENCHMARK(curl);
+BENCHMARK(ours)->Name("url_parse/vela");
+BENCHMARK(curl)->Name("url_parse/libcurl");
 
 } // namespace
 

@@ -125,20 +125,35 @@ void unhex_openssl(benchmark::State &state)
 
 } // namespace
 
-BENCHMARK_CAPTURE(sanitize_vela, ascii, ascii)->Arg(32)->Arg(4096);
-BENCHMARK_CAPTURE(sanitize_glib_validate, ascii, ascii)->Arg(32)->Arg(4096);
-BENCHMARK_CAPTURE(sanitize_glib_make_valid, ascii, ascii)->Arg(32)->Arg(4096);
-BENCHMARK_CAPTURE(sanitize_vela, mixed, mixed)->Arg(64)->Arg(4096);
-BENCHMARK_CAPTURE(sanitize_glib_validate, mixed, mixed)->Arg(64)->Arg(4096);
-BENCHMARK_CAPTURE(sanitize_glib_make_valid, mixed, mixed)->Arg(64)->Arg(4096);
-BENCHMARK_CAPTURE(sanitize_vela, dense, dense)->Arg(64)->Arg(4096);
-BENCHMARK_CAPTURE(sanitize_glib_validate, dense, dense)->Arg(64)->Arg(4096);
-BENCHMARK_CAPTURE(truncate_vela, ascii, ascii)->Arg(4096);
-BENCHMARK_CAPTURE(truncate_glib_offset, ascii, ascii)->Arg(4096);
-BENCHMARK_CAPTURE(truncate_vela, mixed, mixed)->Arg(4096);
-BENCHMARK_CAPTURE(truncate_glib_offset, mixed, mixed)->Arg(4096);
-BENCHMARK(hex_vela)->Arg(6)->Arg(16)->Arg(4096);
-BENCHMARK(hex_openssl)->Arg(6)->Arg(16)->Arg(4096);
-BENCHMARK(unhex_vela)->Arg(6)->Arg(16)->Arg(4096);
-BENCHMARK(unhex_openssl)->Arg(6)->Arg(16)->Arg(4096);
+BENCHMARK_CAPTURE(sanitize_vela, ascii, ascii)->Name("UTF-8 checked, ascii/vela")->Arg(32)->Arg(4096);
+BENCHMARK_CAPTURE(sanitize_glib_validate, ascii, ascii)
+    ->Name("UTF-8 checked, ascii/GLib, validates")
+    ->Arg(32)
+    ->Arg(4096);
+BENCHMARK_CAPTURE(sanitize_glib_make_valid, ascii, ascii)
+    ->Name("UTF-8 checked, ascii/GLib, makes valid")
+    ->Arg(32)
+    ->Arg(4096);
+BENCHMARK_CAPTURE(sanitize_vela, mixed, mixed)->Name("UTF-8 checked, mixed/vela")->Arg(64)->Arg(4096);
+BENCHMARK_CAPTURE(sanitize_glib_validate, mixed, mixed)
+    ->Name("UTF-8 checked, mixed/GLib, validates")
+    ->Arg(64)
+    ->Arg(4096);
+BENCHMARK_CAPTURE(sanitize_glib_make_valid, mixed, mixed)
+    ->Name("UTF-8 checked, mixed/GLib, makes valid")
+    ->Arg(64)
+    ->Arg(4096);
+BENCHMARK_CAPTURE(sanitize_vela, dense, dense)->Name("UTF-8 checked, dense/vela")->Arg(64)->Arg(4096);
+BENCHMARK_CAPTURE(sanitize_glib_validate, dense, dense)
+    ->Name("UTF-8 checked, dense/GLib, validates")
+    ->Arg(64)
+    ->Arg(4096);
+BENCHMARK_CAPTURE(truncate_vela, ascii, ascii)->Name("UTF-8 cut, ascii/vela")->Arg(4096);
+BENCHMARK_CAPTURE(truncate_glib_offset, ascii, ascii)->Name("UTF-8 cut, ascii/GLib")->Arg(4096);
+BENCHMARK_CAPTURE(truncate_vela, mixed, mixed)->Name("UTF-8 cut, mixed/vela")->Arg(4096);
+BENCHMARK_CAPTURE(truncate_glib_offset, mixed, mixed)->Name("UTF-8 cut, mixed/GLib")->Arg(4096);
+BENCHMARK(hex_vela)->Name("hexadecimal, written/vela")->Arg(6)->Arg(16)->Arg(4096);
+BENCHMARK(hex_openssl)->Name("hexadecimal, written/OpenSSL")->Arg(6)->Arg(16)->Arg(4096);
+BENCHMARK(unhex_vela)->Name("hexadecimal, read/vela")->Arg(6)->Arg(16)->Arg(4096);
+BENCHMARK(unhex_openssl)->Name("hexadecimal, read/OpenSSL")->Arg(6)->Arg(16)->Arg(4096);
 BENCHMARK_MAIN();

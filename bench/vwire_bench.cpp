@@ -49,9 +49,8 @@ void peer_strongest(benchmark::State &state)
         }
         benchmark::DoNotOptimize(best);
     }
-    state.SetComplexityN(state.range(0));
 }
-BENCHMARK(peer_strongest)->Name("peer: strongest of all")->Arg(25)->Arg(250)->Arg(2500)->Complexity(benchmark::oN);
+BENCHMARK(peer_strongest)->Name("best parent/scale:strongest of all")->Arg(25)->Arg(250)->Arg(2500);
 
 void select_best(benchmark::State &state)
 {
@@ -63,9 +62,8 @@ void select_best(benchmark::State &state)
         benchmark::DoNotOptimize(vwire_select_best_for_band(&a.table, "mesh", 4, "na", "02:56:4c:00:00:0a", 17,
                                                             "02:56:4c:00:00:0b", 17, &index));
     }
-    state.SetComplexityN(state.range(0));
 }
-BENCHMARK(select_best)->Name("vwire_select_best_for_band")->Arg(25)->Arg(250)->Arg(2500)->Complexity(benchmark::oN);
+BENCHMARK(select_best)->Name("best parent/vela")->Arg(25)->Arg(250)->Arg(2500);
 
 } // namespace
 

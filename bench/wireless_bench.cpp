@@ -19,11 +19,14 @@ template <auto Convert> void each_frequency(benchmark::State &state)
 }
 
 uint32_t divide(uint32_t mhz) { return mhz / 5; }
-BENCHMARK(each_frequency<divide>)->Name("peer: one division");
-BENCHMARK(each_frequency<vl_freq_to_channel>)->Name("vl_freq_to_channel");
-BENCHMARK(each_frequency<vl_freq_to_band>)->Name("vl_freq_to_band");
-BENCHMARK(each_frequency<get_band>)->Name("get_band");
-BENCHMARK(each_frequency<ieee80211_mhz2ieee>)->Name("ieee80211_mhz2ieee");
+BENCHMARK(each_frequency<vl_freq_to_channel>)->Name("vl_freq_to_channel/vela");
+BENCHMARK(each_frequency<divide>)->Name("vl_freq_to_channel/scale:one division");
+BENCHMARK(each_frequency<vl_freq_to_band>)->Name("vl_freq_to_band/vela");
+BENCHMARK(each_frequency<divide>)->Name("vl_freq_to_band/scale:one division");
+BENCHMARK(each_frequency<get_band>)->Name("get_band/vela");
+BENCHMARK(each_frequency<divide>)->Name("get_band/scale:one division");
+BENCHMARK(each_frequency<ieee80211_mhz2ieee>)->Name("ieee80211_mhz2ieee/vela");
+BENCHMARK(each_frequency<divide>)->Name("ieee80211_mhz2ieee/scale:one division");
 
 void peer_snprintf(benchmark::State &state)
 {
@@ -33,7 +36,7 @@ void peer_snprintf(benchmark::State &state)
         benchmark::ClobberMemory();
     }
 }
-BENCHMARK(peer_snprintf)->Name("peer: snprintf of one number");
+BENCHMARK(peer_snprintf)->Name("calc_sta_satisfaction/scale:snprintf of one number");
 
 void satisfaction(benchmark::State &state)
 {
@@ -54,7 +57,7 @@ void satisfaction(benchmark::State &state)
         benchmark::ClobberMemory();
     }
 }
-BENCHMARK(satisfaction)->Name("calc_sta_satisfaction");
+BENCHMARK(satisfaction)->Name("calc_sta_satisfaction/vela");
 
 } // namespace
 

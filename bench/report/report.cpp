@@ -44,7 +44,8 @@ double median(times t)
 /// What is measured, at one size: ours and each peer's times.
 struct subject {
     std::string what;
-    double size = 0; ///< 0: it has none
+    double size = 0;     ///< 0: it has none
+    long long place = 0; ///< where its program registered it: runs take turns in no order
     std::map<std::string, times> by_who;
 };
 
@@ -68,7 +69,20 @@ public:
         }
         const json_t *runs = json_object_get(document.get(), "benchmarks");
         for (size_t i = 0; i < json_array_size(runs); ++i) add_run(json_array_get(runs, i));
+        ++files_;
         return true;
+    }
+    /// By program, what, size.
+    void sort()
+    {
+        std::map<std::string, long long> places;
+        for (const subject &s : subjects_) {
+            const auto [known, is_new] = places.emplace(s.what, s.place);
+            if (!is_new) known->second = std::min(known->second, s.place);
+        }
+        std::sort(subjects_.begin(), subjects_.end(), [&places](const subject &a, const subject &b) {
+            return std::pair(places[a.what], a.size) < std::pair(places[b.what], b.size);
+        });
     }
     [[nodiscard]] const std::vector<subject> &subjects() const { return subjects_; }
 
@@ -87,7 +101,9 @@ private:
         const size_t second = rest.find('/');
         const double size =
             second == std::string_view::npos ? 0 : strtod(std::string(rest.substr(second + 1)).c_str(), nullptr);
-        of(what, size).by_who[std::string(rest.substr(0, second))].push_back(nanoseconds(run));
+        subject &measured = of(what, size);
+        measured.place = files_ * 1000 + json_integer_value(json_object_get(run, "family_index"));
+        measured.by_who[std::string(rest.substr(0, second))].push_back(nanoseconds(run));
     }
 
     static double nanoseconds(const json_t *run)
@@ -109,7 +125,8 @@ private:
         return found != subjects_.end() ? *found : subjects_.emplace_back(subject{what, size, {}});
     }
 
-    std::vector<subject> subjects_; ///< in the order in which they were measured
+    std::vector<subject> subjects_;
+    long long files_ = 0;
 };
 
 /// The exponent of the growth of our time with the size, by least squares; not a number with fewer than two sizes.
@@ -179,12 +196,12 @@ void print_table(const std::vector<subject> &subjects)
     for (const row &r : rows_of(subjects)) {
         const bool first = !before || *before != r.about->what;
         before = &r.about->what;
-        const std::string range =
-            std::isnan(r.ratio) ? "" : number_text(r.least, "%.2f") + " - " + number_text(r.most, "%.2f");
+        char range[32] = "";
+        if (!std::isnan(r.ratio)) snprintf(range, sizeof range, "%.2f - %.2f", r.least, r.most);
         const double exponent = first ? growth(subjects, r.about->what) : NAN;
         printf("%-34s %9s  %10s  %10s  %-22s %6s  %-13s %s\n", r.about->what.c_str(),
                r.about->size > 0 ? number_text(r.about->size, "%.0f").c_str() : "", time_text(r.mine).c_str(),
-               time_text(r.theirs).c_str(), r.who.c_str(), number_text(r.ratio, "%.2f").c_str(), range.c_str(),
+               time_text(r.theirs).c_str(), r.who.c_str(), number_text(r.ratio, "%.2f").c_str(), range,
                std::isnan(exponent) ? "" : number_text(exponent, "n^%.2f").c_str());
     }
     puts("\nratio: our time over the peer's, below 1 is faster; range: over the repetitions, which take turns.\n"
@@ -234,7 +251,7 @@ void print_plot(const std::vector<subject> &subjects)
     puts("ratios");
     for (const row &r : rows_of(subjects)) {
         if (!r.same_work || std::isnan(r.ratio)) continue;
-        const std::string size = r.about->size > 0 ? " " + number_text(r.about->size, "%.0f") : "";
+        const std::string size = r.about->size > 0 ? number_text(r.about->size, " %.0f") : "";
         printf("\"%s%s / %s\" %g %g %g\n", r.about->what.c_str(), size.c_str(), r.who.c_str(), r.ratio, r.least,
                r.most);
     }
@@ -260,6 +277,7 @@ int main(int argc, char **argv)
             return 1;
         }
     }
+    all.sort();
     print(all.subjects());
     return fflush(stdout) == 0 ? 0 : 1;
 }
