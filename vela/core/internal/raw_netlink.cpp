@@ -79,7 +79,7 @@ void request::append(const void *bytes, size_t n)
     size_ += padded;
 }
 
-void request::put(uint16_t type, std::span<const uint8_t> value)
+void request::put_bytes(uint16_t type, std::span<const uint8_t> value)
 {
     const size_t length = sizeof(nlattr) + value.size();
     const nlattr header = {.nla_len = static_cast<uint16_t>(length), .nla_type = type};
@@ -93,13 +93,13 @@ void request::put_text(uint16_t type, std::string_view text)
     char copy[256];
     fits_ = fits_ && text.size() < sizeof copy;
     copy_text(copy, text);
-    put(type, std::span{reinterpret_cast<const uint8_t *>(copy), std::min(text.size(), sizeof copy - 1) + 1});
+    put_bytes(type, {reinterpret_cast<const uint8_t *>(copy), std::min(text.size(), sizeof copy - 1) + 1});
 }
 
 size_t request::begin_list(uint16_t type)
 {
     const size_t begin = size_;
-    put(static_cast<uint16_t>(type | NLA_F_NESTED), std::span<const uint8_t>{});
+    put_bytes(static_cast<uint16_t>(type | NLA_F_NESTED), {});
     return begin;
 }
 

@@ -19,6 +19,7 @@
 #include <optional>
 #include <span>
 #include <string_view>
+#include <type_traits>
 #include <vela/core/internal/own.h>
 #include <vela/core/internal/text.h>
 
@@ -87,10 +88,8 @@ public:
     {
     }
     std::optional<message> next();
-    [[nodiscard]] bool malformed() const
-    {
-        return !rest_.empty();
-    } ///< at the end: something is left that is no message
+    /// At the end: whether something is left that is no message.
+    [[nodiscard]] bool malformed() const { return !rest_.empty(); }
 
 private:
     std::span<const uint8_t> rest_;
@@ -116,13 +115,13 @@ public:
         append(&record, sizeof record);
     }
 
-    void put(uint16_t type, std::span<const uint8_t> value);
+    void put_bytes(uint16_t type, std::span<const uint8_t> value);
     void put_text(uint16_t type, std::string_view text); ///< with a NUL
-    template <class T>
-    requires std::is_trivially_copyable_v<T>
-    void put(uint16_t type, const T &value)
+    /// A number or a record of the kernel's.
+    template <class T> void put(uint16_t type, const T &value)
     {
-        put(type, std::span{reinterpret_cast<const uint8_t *>(&value), sizeof value});
+        static_assert(std::is_trivially_copyable_v<T> && !std::is_pointer_v<T>);
+        put_bytes(type, {reinterpret_cast<const uint8_t *>(&value), sizeof value});
     }
 
     /// A list inside the message: what is put while it lives belongs to it.
