@@ -29,8 +29,9 @@ std::string read_dump(const char *path)
     std::ostringstream dump;
     if (file && file.peek() != std::ifstream::traits_type::eof()) dump << file.rdbuf();
     if (!file.is_open() || file.bad() || dump.bad()) throw trouble(status::misused, std::string("cannot read ") + path);
-    if (dump.view().size() > UINT32_MAX) throw trouble(status::misused, std::string(path) + " is 4 GiB or more");
-    return std::move(dump).str();
+    std::string content = std::move(dump).str();
+    if (content.size() > UINT32_MAX) throw trouble(status::misused, std::string(path) + " is 4 GiB or more");
+    return content;
 }
 
 uint32_t crash_kind(const std::string &name)

@@ -4,6 +4,8 @@
 #include <netinet/in.h> // before kernel headers, which define its records again with musl
 //
 #include <cstdlib>
+#include <netinet/in.h> // before the kernel's header: with musl both define the same records
+//
 #include <linux/if_bridge.h>
 #include <net/if.h>
 #include <net/if_arp.h>

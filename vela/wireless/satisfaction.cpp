@@ -208,7 +208,7 @@ json_t *tcp_stats_to_json(const vela_tcp_stats *tcp_stats)
     vela::json_ref object{json_object()};
     const bool complete = object && set(object, "goodbytes", static_cast<json_int_t>(t.goodbytes)) &&
                           set(object, "stalls", t.stalls) && set(object, "retries", t.retries) &&
-                          set(object, "lat_max", t.lat_min == no_latency ? -1 : json_int_t{t.lat_max}) &&
+                          set(object, "lat_max", t.lat_min == no_latency ? -1 : static_cast<json_int_t>(t.lat_max)) &&
                           set(object, "lat_min", static_cast<int32_t>(t.lat_min)) &&
                           set(object, "lat_sum", static_cast<json_int_t>(t.lat_sum)) &&
                           set(object, "lat_samples", static_cast<json_int_t>(t.lat_samples)) &&
