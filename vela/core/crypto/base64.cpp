@@ -41,7 +41,7 @@ using groups = uint32_t __attribute__((vector_size(sizeof(letters))));
 
 constexpr int bytes_per_vector = 12;
 
-inline uint32_t load_group(const uint8_t *in)
+[[maybe_unused]] inline uint32_t load_group(const uint8_t *in)
 {
     uint32_t word;
     memcpy(&word, in, sizeof word);

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <optional>
+#include <span>
 #include <string_view>
 
 namespace vela
@@ -39,10 +40,10 @@ inline int next_char(FILE *stream)
 
 /// As fgets: a line with its line feed, or as much of it as fits; the rest comes with the next call. Ended by a NUL,
 /// and may hold others. Returns its bytes, 0 at the end.
-template <size_t Size> size_t read_piece(FILE *stream, char (&room)[Size])
+inline size_t read_piece(FILE *stream, std::span<char> room)
 {
     size_t length = 0;
-    while (length < Size - 1 && (length == 0 || room[length - 1] != '\n')) {
+    while (length < room.size() - 1 && (length == 0 || room[length - 1] != '\n')) {
         const int c = next_char(stream);
         if (c == EOF) break;
         room[length++] = static_cast<char>(c);
@@ -59,9 +60,9 @@ struct line {
 
 /// The next line, or nothing at the end. Lies in the room, ended by a NUL; the rest of one that does not fit is
 /// skipped.
-template <size_t Size> std::optional<line> read_line(FILE *stream, char (&room)[Size])
+inline std::optional<line> read_line(FILE *stream, std::span<char> room)
 {
-    const std::string_view text{room, read_piece(stream, room)};
+    const std::string_view text{room.data(), read_piece(stream, room)};
     if (text.empty()) return std::nullopt;
     if (text.back() == '\n') return line{text, true};
     int c = next_char(stream);
@@ -71,10 +72,10 @@ template <size_t Size> std::optional<line> read_line(FILE *stream, char (&room)[
 }
 
 /// The next line without its end, as a text that is cut to the room. False at the end.
-template <size_t Size> bool read_text_line(FILE *stream, char (&room)[Size])
+inline bool read_text_line(FILE *stream, std::span<char> room)
 {
     if (!read_line(stream, room)) return false;
-    room[strcspn(room, "\r\n")] = '\0';
+    room[strcspn(room.data(), "\r\n")] = '\0';
     return true;
 }
 
