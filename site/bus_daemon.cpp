@@ -112,6 +112,7 @@ bool is_value(const taken_attribute &a, bool named)
     if (a.payload.substr(2 + name, header - 2 - name).find_first_not_of('\0') != std::string_view::npos) return false;
     const auto payload = a.payload.substr(header);
     switch (a.id_bits & 0x7f) {
+    case 0: return payload.empty();
     case bus::array: return are_values(payload, false);
     case bus::table: return are_values(payload, true);
     case bus::string: return is_text(payload);
@@ -401,7 +402,8 @@ private:
                 complain_("an odd call: " + hex(frame));
                 return answer_status(2);
             }
-            return answer_status(call(c, r.seq, r.peer, r[bus::a_method].data(), r[bus::a_data]));
+            if (const auto code = call(c, r.seq, r.peer, r[bus::a_method].data(), r[bus::a_data])) answer_status(*code);
+            return;
         default: complain_("an odd message: " + hex(frame)); return answer_status(1);
         }
     }
@@ -421,16 +423,15 @@ private:
         return status;
     }
 
-    uint32_t call(client &c, uint16_t seq, uint32_t id, const char *method, std::string_view values)
+    std::optional<uint32_t> call(client &c, uint16_t seq, uint32_t id, const char *method, std::string_view values)
     {
         for (const auto &[path, o] : objects_) {
             if (o.id != id) continue;
             const auto found = o.methods->find(method);
             if (found == o.methods->end()) return 3;
             const bus_reply reply = found->second(values);
-            if (reply.values) {
-                send_to(c, bus::frame(bus::data, seq, id,
-                                      bus::attr(bus::a_objid, id) + bus::attr(bus::a_data, *reply.values)));
+            for (const auto &part : reply.parts) {
+                send_to(c, bus::frame(bus::data, seq, id, bus::attr(bus::a_objid, id) + bus::attr(bus::a_data, part)));
             }
             return reply.status;
         }

@@ -70,10 +70,10 @@ private:
     pid_t pid_ = -1;
 };
 
-/// What a method gives back: a status, and with 0 possibly values.
+/// What a method gives back: values in any number of parts, then a status; or nothing at all.
 struct bus_reply {
-    uint32_t status = 0;
-    std::optional<std::string> values;
+    std::optional<uint32_t> status = 0;
+    std::vector<std::string> parts = {};
 };
 
 /// Takes the values of a call. Runs in the daemon's process.

@@ -63,7 +63,7 @@ protected:
 
     void SetUp() override
     {
-        daemon->offer("vt", {{"echo", [](auto values) { return site::bus_reply{0, std::string(values)}; }}});
+        daemon->offer("vt", {{"echo", [](auto values) { return site::bus_reply{0, {std::string(values)}}; }}});
         daemon->offer("vu", {});
         EXPECT_EQ(0, vela_ubus_init());
     }

@@ -11,9 +11,9 @@
 #include <event2/event.h>
 #include <libubus.h>
 #include <vela/core/internal/log.h>
-#include <vela/core/internal/memory.h>
 #include <vela/core/internal/pipe_signal.h>
-#include <vela/ipc/ubus.h>
+#include <vela/ipc/internal/bus_library.h>
+#include <vela/ipc/internal/ubus_record.h>
 
 namespace
 {
@@ -25,7 +25,9 @@ static_assert(offsetof(vela_ubus_interface_t, base) == 0);
 static_assert(offsetof(vela_ubus_interface_t, on_connect) < offsetof(vela_ubus_interface_t, on_close));
 static_assert(offsetof(vela_ubus_interface_t, on_close) < offsetof(vela_ubus_interface_t, link));
 
-using interface = vela_ubus_interface_t;
+using vela::deadline;
+using record = vela::ubus_record;
+using call = vela::ubus_call;
 
 /// Every record, in the order of creation. Emptied by vela_ubus_init, which also sets the flag.
 constinit vela_ubus_links records{&records, &records};
@@ -34,9 +36,10 @@ constinit bool initialised = false;
 constinit vela_ubus_links closed_records{&closed_records, &closed_records};
 constinit unsigned calls = 0;
 
-interface &owner(vela_ubus_links *link)
+record &owner(vela_ubus_links *link)
 {
-    return *reinterpret_cast<interface *>(reinterpret_cast<char *>(link) - offsetof(interface, link));
+    constexpr size_t place = offsetof(vela_ubus_interface_t, link);
+    return vela::inside(*reinterpret_cast<vela_ubus_interface_t *>(reinterpret_cast<char *>(link) - place));
 }
 
 void link_before(vela_ubus_links &place, vela_ubus_links &link)
@@ -54,26 +57,13 @@ void unlink(vela_ubus_links &link)
     link = {};
 }
 
-void release(interface &iface)
+void release(record &iface)
 {
     unlink(iface.link);
-    const vela::heap<interface> record{&iface};
-    if (record->ctx) ubus_free(record->ctx);
+    if (iface.ctx) ubus_free(iface.ctx);
+    std::destroy_at(&iface);
+    free(&iface);
 }
-
-/// While it lives, no record goes away, closed or not.
-class call
-{
-public:
-    call() { ++calls; }
-    call(const call &) = delete;
-    call &operator=(const call &) = delete;
-    ~call()
-    {
-        if (--calls != 0) return;
-        while (closed_records.next != &closed_records) release(owner(closed_records.next));
-    }
-};
 
 /// libubus takes these signals for a loop of its own when it connects; they are the program's.
 class signal_keeper
@@ -102,7 +92,7 @@ void release_event(event *&e)
 }
 
 /// Handles what has arrived on the bus.
-void handle_messages(interface &iface)
+void handle_messages(record &iface)
 {
     const vela::pipe_signal_blocked quiet;
     iface.ctx->sock.cb(&iface.ctx->sock, ULOOP_READ);
@@ -110,32 +100,35 @@ void handle_messages(interface &iface)
 
 void on_readable(evutil_socket_t /*fd*/, short /*what*/, void *arg)
 {
-    auto &iface = *static_cast<interface *>(arg);
+    auto &iface = *static_cast<record *>(arg);
     const call here;
     handle_messages(iface);
     // A record that nobody restarts must not keep the loop busy: the end of a connection stays readable.
     if (iface.ctx->sock.eof) release_event(iface.read_event);
 }
 
-bool watch(interface &iface)
+bool watch(record &iface)
 {
     iface.read_event = event_new(iface.base, iface.ctx->sock.fd, EV_READ | EV_PERSIST, on_readable, &iface);
     if (!iface.read_event) return false;
-    if (event_add(iface.read_event, nullptr) == 0) return true;
+    if (event_add(iface.read_event, nullptr) == 0) {
+        vela::deliver_later(iface); // requests have been made before there was an event
+        return true;
+    }
     release_event(iface.read_event);
     return false;
 }
 
 void u_reconnect_timeout(evutil_socket_t fd, short what, void *arg);
 
-void arm(interface &iface)
+void arm(record &iface)
 {
     if (iface.timer && event_pending(iface.timer, EV_TIMEOUT, nullptr)) return; // a second from the first loss
     if (!iface.timer) iface.timer = event_new(iface.base, -1, 0, u_reconnect_timeout, &iface);
     if (!iface.timer || event_add(iface.timer, &reconnect_interval) < 0) log_error("failed to arm the reconnect timer");
 }
 
-void restart(interface &iface)
+void restart(record &iface)
 {
     release_event(iface.read_event); // first: its descriptor stays readable until it is replaced
     arm(iface);
@@ -147,36 +140,28 @@ void u_connection_lost(ubus_context *ctx)
     log_warn("ubus connection lost, reconnecting...");
     if (!initialised) return;
     for (vela_ubus_links *link = records.next; link != &records; link = link->next) {
-        interface &iface = owner(link);
+        record &iface = owner(link);
         if (!ctx || iface.ctx == ctx) restart(iface);
     }
 }
 
-int find(interface &iface, const char *name)
+int find(record &iface, const char *name)
 {
     const call here;
-    uint32_t id = 0; // stays 0 where the daemon shows nothing of the object to this process
-    int status;
-    {
-        const vela::pipe_signal_blocked quiet;
-        status = ubus_lookup_id(iface.ctx, name, &id);
-    }
-    // Calls to us that came meanwhile wait inside libubus for a loop that it does not have.
-    if (iface.ctx->sock.fd >= 0 && !iface.ctx->sock.eof) handle_messages(iface);
-    if (status != UBUS_STATUS_OK || id == 0) return -ENOSYS;
-    iface.id = id;
-    return 0;
+    const int result = vela::look_up(iface, name, iface.id, deadline::after_ms(vela::bus_answer_ms));
+    vela::deliver_later(iface);
+    return result == 0 ? 0 : -ENOSYS;
 }
 
 /// Makes a fresh connection, if there is a bus.
-bool open_bus(interface &iface)
+bool open_bus(record &iface)
 {
     const signal_keeper keep;
     iface.ctx = ubus_connect(iface.path);
     return iface.ctx != nullptr;
 }
 
-void introduce(interface &iface)
+void introduce(record &iface)
 {
     iface.ctx->sock.registered = true; // libubus leaves a registered descriptor out of its own loop
     iface.ctx->connection_lost = u_connection_lost;
@@ -185,7 +170,7 @@ void introduce(interface &iface)
 }
 
 /// Replaces the connection of a context, which is otherwise kept: no lookup, no callback.
-bool reopen_bus(interface &iface)
+bool reopen_bus(record &iface)
 {
     const vela::pipe_signal_blocked quiet;
     if (ubus_reconnect(iface.ctx, iface.path) != UBUS_STATUS_OK) {
@@ -198,7 +183,7 @@ bool reopen_bus(interface &iface)
 
 void u_reconnect_timeout(evutil_socket_t /*fd*/, short /*what*/, void *arg)
 {
-    auto &iface = *static_cast<interface *>(arg);
+    auto &iface = *static_cast<record *>(arg);
     const call here;
     const auto seconds = static_cast<int>(reconnect_interval.tv_sec);
     if (iface.ctx) {
@@ -229,6 +214,39 @@ void u_reconnect_timeout(evutil_socket_t /*fd*/, short /*what*/, void *arg)
 
 } // namespace
 
+namespace vela
+{
+
+ubus_call::ubus_call() { ++calls; }
+
+ubus_call::~ubus_call()
+{
+    if (--calls != 0) return;
+    while (closed_records.next != &closed_records) release(owner(closed_records.next));
+}
+
+bool connected(const ubus_record &record) { return record.ctx && record.ctx->sock.fd >= 0 && !record.ctx->sock.eof; }
+
+int look_up(ubus_record &record, const char *name, uint32_t &id, const deadline &until)
+{
+    if (!connected(record)) return -ENOTCONN;
+    const pipe_signal_blocked quiet;
+    if (!limit_requests(record.ctx, until)) return connected(record) ? -ETIMEDOUT : -ENOTCONN;
+    uint32_t found = 0; // stays 0 where the daemon shows nothing of the object to this process
+    const int status = ubus_lookup_id(record.ctx, name, &found);
+    if (status != UBUS_STATUS_OK) return connected(record) ? bus_error(status) : -ENOTCONN;
+    if (found == 0) return -ENOENT;
+    id = found;
+    return 0;
+}
+
+void deliver_later(ubus_record &record)
+{
+    if (record.read_event) event_active(record.read_event, EV_READ, 1);
+}
+
+} // namespace vela
+
 int vela_ubus_init(void)
 {
     while (records.next != &records) unlink(*records.next);
@@ -243,11 +261,12 @@ vela_ubus_interface_t *vela_ubus_create(struct event_base *base, const char *pat
         log_error("Bad parameters in initialization");
         return nullptr;
     }
-    auto iface = vela::make_zeroed<interface>();
-    if (!iface) {
+    void *const memory = malloc(sizeof(record));
+    if (!memory) {
         log_error("out of memory building vela_ubus_interface_t");
         return nullptr;
     }
+    record *const iface = std::construct_at(static_cast<record *>(memory));
     iface->base = base;
     iface->service = service;
     iface->path = path;
@@ -258,28 +277,30 @@ vela_ubus_interface_t *vela_ubus_create(struct event_base *base, const char *pat
     const call here;
     if (!open_bus(*iface)) {
         log_error("Failed to connect to ubus");
-        if ((flags & VELA_UBUS_KEEP_TRYING) == 0) return nullptr;
+        if ((flags & VELA_UBUS_KEEP_TRYING) == 0) {
+            release(*iface);
+            return nullptr;
+        }
         arm(*iface);
         link_before(records, iface->link);
-        return iface.release();
+        return iface;
     }
-    interface &connected = *iface.release(); // the callback may close it
-    introduce(connected);
-    if (connected.closed) return nullptr;
-    if (!watch(connected)) {
+    introduce(*iface);
+    if (iface->closed) return nullptr; // by the callback
+    if (!watch(*iface)) {
         log_error("Failed to create event object for UBUS callback");
-        vela_ubus_close(&connected);
+        vela_ubus_close(iface);
         return nullptr;
     }
-    link_before(records, connected.link);
-    return &connected;
+    link_before(records, iface->link);
+    return iface;
 }
 
 void vela_ubus_close(vela_ubus_interface_t *iface)
 {
-    if (!iface || iface->closed) return;
+    if (!iface || vela::inside(*iface).closed) return;
     const call here;
-    iface->closed = true;
+    vela::inside(*iface).closed = true;
     unlink(iface->link);
     link_before(closed_records, iface->link);
     if (iface->ctx && iface->on_close) iface->on_close(iface);
@@ -303,11 +324,15 @@ void vela_ubus_shutdown(void)
 int vela_ubus_find_service(vela_ubus_interface_t *iface)
 {
     if (!iface || !iface->ctx || !iface->service) return -EINVAL;
-    return find(*iface, iface->service);
+    const int result = find(vela::inside(*iface), iface->service);
+    if (result == 0) vela::inside(*iface).object.reset();
+    return result;
 }
 
 int vela_ubus_find_object(vela_ubus_interface_t *iface, const char *name)
 {
     if (!iface || !iface->ctx || !iface->service || !name || *name == '\0') return -EINVAL;
-    return find(*iface, name);
+    const int result = find(vela::inside(*iface), name);
+    if (result == 0) vela::inside(*iface).object.reset(strdup(name)); // without memory: the service again
+    return result;
 }

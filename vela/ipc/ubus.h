@@ -12,7 +12,7 @@
 #ifndef VELA_IPC_UBUS_H
 #define VELA_IPC_UBUS_H
 
-#include <stdbool.h>
+#include <jansson.h>
 #include <stdint.h>
 #include <vela/core/api.h>
 
@@ -55,7 +55,6 @@ struct vela_ubus_interface {
     vela_ubus_callback on_connect; /**< after a first connection, the lookup done; not after a reconnection */
     vela_ubus_callback on_close;   /**< by vela_ubus_close(), where there has been a connection */
     vela_ubus_links link;
-    bool closed; /**< released when the calls under way have returned */
 };
 
 /** Statistics of an access point, as the management agent replies with them. Averages are cut to their low 32 bits. */
@@ -108,6 +107,32 @@ VELA_API int vela_ubus_find_service(vela_ubus_interface_t *iface);
 
 /** The same for an object of another name; a null or empty one is -EINVAL. */
 VELA_API int vela_ubus_find_object(vela_ubus_interface_t *iface, const char *name);
+
+/**
+ * Calls a method of the record's object: what vela_ubus_find_object() found last, else the service. Where its id is not
+ * known or has changed since, it is looked up first.
+ *
+ * A value of JSON is one of the bus: an object a table, a whole number INT32 where it fits and else INT64, a real
+ * number a double, true and false INT8, null a value without a type. Back, INT8 is a boolean; text is made UTF-8.
+ *
+ * @param args        an object; null is an empty one
+ * @param answer      receives a new reference to an object on success; its members are those of all parts of the reply,
+ *                    the later ones before the earlier. Null drops the reply
+ * @param timeout_ms  for the whole call, lookup included: 1 to 60000; 0 or less is 3000
+ * @return 0; a negative errno, which vela_ubus_error_text() puts in words: -ENOSYS no such method, -ENOENT no such
+ *         object (or the provider says so), -EACCES not allowed, -ENODATA, -EOPNOTSUPP and -EIO as the provider says,
+ *         -ETIMEDOUT no answer in time, -ENOTCONN no connection, -EINVAL a bad argument (here or to the provider),
+ *         -EMSGSIZE arguments beyond 1 MiB, -EBADMSG a malformed reply or one beyond 4 MiB, -ENOMEM
+ */
+VELA_API int vela_ubus_call(vela_ubus_interface_t *iface, const char *method, const json_t *args, json_t **answer,
+                            int timeout_ms);
+
+/** The same for an object of another name, looked up each time. The record's own object stays what it is. */
+VELA_API int vela_ubus_call_object(vela_ubus_interface_t *iface, const char *object, const char *method,
+                                   const json_t *args, json_t **answer, int timeout_ms);
+
+/** What such a result means, in a few words for people. Static. */
+VELA_API const char *vela_ubus_error_text(int result);
 
 /**
  * Reads the statistics of an access point from a reply.

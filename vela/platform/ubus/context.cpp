@@ -297,7 +297,7 @@ int look_up(ubus_context *ctx, const char *path, exchange &e)
 {
     body_builder body;
     if (path) body.text(attr_objpath, path);
-    return perform(inside(ctx), message::lookup, body, e, deadline::after_ms(answer_ms));
+    return perform(inside(ctx), message::lookup, body, e, deadline::after_ms(ctx->answer_ms));
 }
 
 } // namespace
@@ -314,6 +314,7 @@ ubus_context *ubus_connect(const char *path)
     c->sock.cb = on_event;
     c->sock.fd = fd.release();
     c->local_id = local_id;
+    c->answer_ms = answer_ms;
     return c;
 }
 

@@ -13,6 +13,9 @@
 #ifndef LIBUBUS_H
 #define LIBUBUS_H
 
+/** Tells this client from libubus. */
+#define LIBUBUS_STAND_IN 1
+
 #include <libubox/blobmsg.h>
 #include <libubox/uloop.h>
 #include <stdint.h>
@@ -70,6 +73,7 @@ struct ubus_context {
     struct uloop_fd sock;
     uint32_t local_id; /**< our id on the bus, in the byte order of the wire */
     uint16_t request_seq;
+    int answer_ms; /**< not in libubus: what the daemon may take to answer about its objects; 3000 at first */
     void (*connection_lost)(struct ubus_context *ctx); /**< may be NULL */
 };
 
@@ -93,7 +97,7 @@ int ubus_reconnect(struct ubus_context *ctx, const char *path);
 void ubus_free(struct ubus_context *ctx);
 
 /**
- * Asks the daemon for objects and waits for its answer, for at most a few seconds.
+ * Asks the daemon for objects and waits for its answer, for at most `answer_ms`.
  *
  * @param path  a path, or a prefix ended by "*"; NULL is every object
  * @param cb    called for each match

@@ -1,0 +1,44 @@
+// What the sources of the bus client share: the record as the library sees it, and the steps that several of them take.
+#pragma once
+
+#include <libubus.h>
+#include <vela/core/internal/memory.h>
+#include <vela/core/internal/wait.h>
+#include <vela/ipc/ubus.h>
+
+namespace vela
+{
+
+constexpr int bus_answer_ms = 3000; // what the daemon itself may take to answer
+
+struct ubus_record : vela_ubus_interface_t {
+    c_string object;     ///< what vela_ubus_find_object() found last; null: the service
+    bool closed = false; ///< released when the calls under way have returned
+};
+
+inline ubus_record &inside(vela_ubus_interface_t &iface) { return static_cast<ubus_record &>(iface); }
+
+/// While one lives, no record goes away, closed or not: callbacks of the program's may close any.
+class ubus_call
+{
+public:
+    ubus_call();
+    ubus_call(const ubus_call &) = delete;
+    ubus_call &operator=(const ubus_call &) = delete;
+    ~ubus_call();
+};
+
+/// Whether there is a connection to send on.
+bool connected(const ubus_record &record);
+
+/// A status of the bus as a negative errno, 0 for success.
+int bus_error(int status);
+
+/// Finds an object's id, `id` being written on success only. 0 or a negative errno: -ENOENT where there is none, or
+/// none that this process may see.
+int look_up(ubus_record &record, const char *name, uint32_t &id, const deadline &until);
+
+/// To be called after requests: what arrived meanwhile and was kept is handled when the event loop runs next.
+void deliver_later(ubus_record &record);
+
+} // namespace vela
