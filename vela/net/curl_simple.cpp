@@ -1,5 +1,7 @@
-// Each call makes a libcurl handle, performs one request with fixed settings and cleans up. SIGPIPE stays blocked
-// meanwhile: libcurl is told to leave signals alone, so nobody else would ignore the one that a closed peer raises.
+// One HTTP request per call, over libcurl: a handle is made, set up, used once and cleaned up.
+//
+// SIGPIPE stays blocked meanwhile: libcurl is told to leave signals alone, so nobody else would ignore the one that a
+// closed peer raises.
 
 #include <algorithm>
 #include <curl/curl.h>
@@ -81,7 +83,7 @@ void set_options(CURL *handle, const request &r, char *error_text, curl_simple_r
 
 CURLcode perform(CURL *handle, char *error_text)
 {
-    error_text[0] = '\0'; // an earlier try's text must not explain this one
+    error_text[0] = '\0'; // it may hold the text of an earlier try
     return curl_easy_perform(handle);
 }
 

@@ -1,3 +1,5 @@
+// URLs: split into parts, kept as records, resolved to an address, encoded for queries.
+//
 // Splitting works on views of the text and allocates nothing; only a URL that is accepted becomes a record.
 
 #include <arpa/inet.h>
@@ -37,7 +39,7 @@ const known_scheme *find_scheme(std::string_view name)
     return nullptr;
 }
 
-/// The parts of a text, as far as it has them.
+/// What a URL consists of; a part that it lacks has its default.
 struct parts {
     std::string_view scheme = "http";
     std::string_view userinfo = {};
@@ -49,10 +51,10 @@ struct parts {
 
 constexpr size_t none = std::string_view::npos;
 
-/// A letter that no hexadecimal number has: who has one is a name.
+/// True for g to z: a host with such a letter is a name, not an IPv6 address.
 bool is_name_letter(char c) { return vela::lower(c) >= 'g' && vela::lower(c) <= 'z'; }
 
-/// Host and port to both sides of a colon, which may be missing.
+/// The host stands before the colon, the port behind it; without a colon all is host.
 void split_at(size_t colon, std::string_view authority, parts &p)
 {
     p.host = vela::first(authority, colon);
@@ -65,7 +67,7 @@ bool split_ipv6(std::string_view authority, parts &p)
     const size_t open = authority.find('[');
     const size_t close = authority.find(']');
     if (open == none && close == none) {
-        p.host = authority; // no telling where its port would start
+        p.host = authority; // a port could not be told from the address
         return true;
     }
     if (open != none && (close == none || close < open)) return false;
@@ -81,7 +83,8 @@ bool split_authority(std::string_view authority, parts &p)
     const size_t colon = authority.find(':');
     const size_t dot = authority.find('.');
     const bool is_name = std::any_of(authority.begin(), authority.end(), is_name_letter);
-    const bool is_ipv4 = dot != none && dot < colon && authority.find('[') == none; // no colon is beyond every dot
+    // Without a colon its position is npos, which is larger than any dot's.
+    const bool is_ipv4 = dot != none && dot < colon && authority.find('[') == none;
     if (!is_name && !is_ipv4) return split_ipv6(authority, p);
     split_at(colon, authority, p);
     return true;
@@ -103,13 +106,13 @@ std::optional<parts> split(std::string_view rest)
 
     if (const size_t at = rest.find('@'); at != none) {
         p.userinfo = vela::first(authority, at);
-        authority = vela::after(authority, at + 1); // nothing, where it is the path's: that leaves no host
+        authority = vela::after(authority, at + 1); // an "@" in the path leaves no authority, and so no host
     }
     if (!split_authority(authority, p) || p.host.empty()) return {};
     return p;
 }
 
-/// A port's number where its text is one.
+/// The port's number; the fallback for a text that is none.
 uint16_t port_or(std::string_view text, uint16_t fallback)
 {
     if (text.empty() || text.size() > port_digits_max) return fallback;
@@ -166,7 +169,7 @@ char *normalized(const parts &p, const known_scheme &scheme, uint16_t port)
     return text;
 }
 
-/// Nothing to come back with, and the system log knows why.
+/// Tells the system log. Returns what the caller then returns.
 std::nullptr_t no_memory(const char *function, int line)
 {
     syslog(LOG_ERR, "%s:%d url oom\n", function, line);
@@ -195,35 +198,40 @@ int choose_address(url &u, const addrinfo *list)
     return result;
 }
 
-/// Where the address itself lies in a socket address, and its port; null for other families.
+/// Where the address itself lies in a resolved socket address, and its port. The entry's family decides what it is;
+/// null for others than IPv4 and IPv6.
 struct inet_address {
-    explicit inet_address(const sockaddr *address)
+    explicit inet_address(const addrinfo &resolved) : family{resolved.ai_family}
     {
-        if (address->sa_family == AF_INET) {
-            const auto *v4 = reinterpret_cast<const sockaddr_in *>(address);
+        if (!resolved.ai_addr) return;
+        if (family == AF_INET) {
+            const auto *v4 = reinterpret_cast<const sockaddr_in *>(resolved.ai_addr);
             bytes = &v4->sin_addr;
             port = ntohs(v4->sin_port);
-        } else if (address->sa_family == AF_INET6) {
-            const auto *v6 = reinterpret_cast<const sockaddr_in6 *>(address);
+        } else if (family == AF_INET6) {
+            const auto *v6 = reinterpret_cast<const sockaddr_in6 *>(resolved.ai_addr);
             bytes = &v6->sin6_addr;
             port = ntohs(v6->sin6_port);
         }
     }
+    [[nodiscard]] const char *print(char *out, socklen_t size) const { return inet_ntop(family, bytes, out, size); }
+
+    int family;
     const void *bytes = nullptr;
     int port = 0;
 };
 
-void dump_address(const sockaddr *address)
+void dump_address(const addrinfo &resolved)
 {
-    const inet_address inet{address};
+    const inet_address inet{resolved};
     if (!inet.bytes) {
         log_debug_as("dump_addrinfo", "  Unknown address family");
         return;
     }
-    const int version = address->sa_family == AF_INET ? 4 : 6;
+    const int version = inet.family == AF_INET ? 4 : 6;
     log_debug_as("dump_addrinfo", "  Port:\t\t%d", inet.port);
     char text[INET6_ADDRSTRLEN];
-    if (inet_ntop(address->sa_family, inet.bytes, text, sizeof text)) {
+    if (inet.print(text, sizeof text)) {
         log_debug_as("dump_addrinfo", "  IPv%d Address:\t%s", version, text);
     } else {
         log_error_as("dump_addrinfo", "Converting IPv%d address to readable form", version);
@@ -284,7 +292,7 @@ url *url_copy(const url *src)
     copy->port = src->port;
     copy->is_https = src->is_https;
     copy->is_ipv6 = src->is_ipv6;
-    copy->ai = src->ai; // On purpose: its address stays the source's, which a copy does not resolve anew.
+    copy->ai = src->ai; // On purpose: its address pointer still leads into the source.
     copy->aux = src->aux;
     return copy.release();
 }
@@ -323,9 +331,9 @@ int url_addr_ntop(const url *u, char *buf, socklen_t len)
 {
     if (!u) return EINVAL;
     if (u->ai.ai_family != AF_INET && u->ai.ai_family != AF_INET6) return 0;
-    const void *bytes = u->ai.ai_addr ? inet_address{u->ai.ai_addr}.bytes : nullptr;
-    if (!bytes) return EINVAL; // one that was too large to be kept
-    return inet_ntop(u->ai.ai_family, bytes, buf, len) ? 0 : errno;
+    const inet_address inet{u->ai};
+    if (!inet.bytes) return EINVAL; // one that was too large to be kept
+    return inet.print(buf, len) ? 0 : errno;
 }
 
 void dump_addrinfo(const addrinfo *list)
@@ -335,7 +343,7 @@ void dump_addrinfo(const addrinfo *list)
         log_debug("Protocol:\t%d (%s)", list->ai_protocol, protocol ? protocol->p_name : "Unknown");
         if (!list->ai_addr) continue;
         log_debug("Socket Address (len=%d):", static_cast<int>(list->ai_addrlen));
-        dump_address(list->ai_addr);
+        dump_address(*list);
     }
 }
 

@@ -90,7 +90,8 @@ VELA_API url *url_copy(const url *src);
 VELA_API url *url_replace(url **dst, const url *src);
 
 /**
- * Looks up host and port, and keeps the last IPv4 or IPv6 address of the answer in `ai`. May wait for the resolver.
+ * Looks up host and port, and keeps the last IPv4 or IPv6 address of the answer in `ai`. Blocks as long as the
+ * system's resolver does: with the usual settings 10 seconds per name server that is silent.
  *
  * @param hints  as for getaddrinfo(); null looks for IPv4 stream addresses only
  * @return 0; -1 for a null record; EAI_FAMILY when the answer has no such address; EAI_NONAME when its last one is too
@@ -101,7 +102,8 @@ VELA_API int url_resolve(url *u, const struct addrinfo *hints);
 /**
  * Writes the resolved address, without its port.
  *
- * @return 0, also with nothing written when there is no address yet; EINVAL for null; ENOSPC when buf is too small
+ * @return 0, also with nothing written when there is no address yet; EINVAL for null, or after an address that was too
+ *         large; ENOSPC when buf is too small
  */
 VELA_API int url_addr_ntop(const url *u, char *buf, socklen_t len);
 
