@@ -1,3 +1,5 @@
+// Crash reports: whether one may be sent, what it holds, and how it reaches the service.
+//
 // A report is a JSON document of device facts and captured command output, sent with one POST. The service's answer to
 // a process crash may name a pre-signed address, to which the dump goes with one PUT.
 
@@ -51,17 +53,19 @@ constexpr const char *kernel_crash = "kernel-crash";
 
 constexpr uint32_t answer_max = 2048; // bytes; a longer answer is cut, and no JSON then
 constexpr long accepted = 200;
-constexpr size_t id_max = 63;     // characters of an anonymous id in the configuration
-constexpr size_t value_max = 254; // characters of any other value: as long as a line can be
+constexpr size_t controller_id_max = 63; // characters
+constexpr size_t value_max = 254;        // of any other value: as long as a line can be
 constexpr size_t value_size = value_max + 1;
 
 using report_url = vela::formatted<128>;
 
-/// What the kernel's crash log is known to be: asked once per process, settled by oops_clear().
+/// Whether the kernel left a crash log. Asked until the tool has answered; oops_clear() settles it.
 enum class oops { unknown, absent, present };
 constinit oops kernel_oops = oops::unknown;
 
+/// The command's status; -1 when it is not known, as in a daemon that ignores SIGCHLD.
 int run(const char *command) { return system(command); }
+constexpr int no_status = -1;
 
 bool is_readable(const char *path) { return access(path, R_OK) == 0; }
 
@@ -101,8 +105,8 @@ vela::json_ref generate_common_payload(const char *log_command, bool with_config
 
     // The order of the members is what the service's readers are used to.
     add(report, "product_line", json_string("network"));
-    add_value(report, "anonymous_controller_id", config_path, "corvo.anonymous_controller_id", id_max);
-    add_value(report, "anonymous_site_id", config_path, "corvo.anonymous_site_id", id_max);
+    add_value(report, "anonymous_controller_id", config_path, "corvo.anonymous_controller_id", controller_id_max);
+    add_value(report, "anonymous_site_id", config_path, "corvo.anonymous_site_id", value_max);
     add_value(report, "anonymous_device_id", system_info_path, "device.anonid", value_max);
     add_kernel(report);
     add(report, "bomrev", decimal_text(get_boardrevision(system_info_path)));
@@ -242,7 +246,10 @@ bool upload_wanted(const crash_info &crash)
 
 int has_oops(void)
 {
-    if (kernel_oops == oops::unknown) kernel_oops = run(oops_exists_command) == 0 ? oops::present : oops::absent;
+    if (kernel_oops == oops::unknown) {
+        const int status = run(oops_exists_command);
+        if (status != no_status) kernel_oops = status == 0 ? oops::present : oops::absent;
+    }
     return kernel_oops == oops::present;
 }
 
@@ -250,7 +257,7 @@ int oops_clear(void)
 {
     (void)run(oops_save_command); // clearing goes on: a log that cannot be saved would be reported for ever
     const int status = run(oops_clear_command);
-    kernel_oops = oops::absent;
+    kernel_oops = status == no_status ? oops::unknown : oops::absent;
     return status;
 }
 

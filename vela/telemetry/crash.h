@@ -4,8 +4,10 @@
  * found by the device's oopsdump tool.
  *
  * Nothing is sent before the clock is set and the bridge has an address (/var/run/ntp.ready, /var/run/ipready.br0), nor
- * while analytics are off (/var/run/system.analytics.mode holds 0). A report is one request, an upload a second one,
- * each bounded by the HTTP client's 5 seconds; before it, commands gather logs. Nothing is retried.
+ * while analytics are off (/var/run/system.analytics.mode holds 0). Nothing is retried.
+ *
+ * A report is one request, an upload a second one, and each blocks for at most 5 seconds. Before it 2 or 3 commands
+ * gather logs; has_oops() runs 1 command, oops_clear() 2. Commands are waited for without a time limit.
  *
  * Call these from one thread, and never from a signal handler: they allocate, run commands and wait. A process that
  * crashed is reported by another one.
@@ -53,13 +55,19 @@ typedef struct crash_info {
  */
 VELA_API int send_crash(const crash_info *crash);
 
-/** 1 when the kernel left a crash log, else 0. The tool is asked once per process. */
+/**
+ * 1 when the kernel left a crash log, else 0. Runs "oopsdump -e" and waits for it; its answer is kept for the life of
+ * the process. Without one (the command cannot be started, or the program ignores SIGCHLD) this is 0, and the next call
+ * asks again.
+ */
 VELA_API int has_oops(void);
 
 /**
- * Saves the kernel's crash log as /var/run/last-crashlog.txt and clears it; has_oops() gives 0 from then on.
+ * Saves the kernel's crash log as /var/run/last-crashlog.txt and clears it; has_oops() gives 0 from then on. Runs two
+ * commands, one after the other, and waits for both.
  *
- * @return the status of the clearing command as system(3) gives it; 0 when it succeeded
+ * @return the status of the clearing command as system(3) gives it; 0 when it succeeded; -1 when its status cannot be
+ *         had, and then has_oops() asks again
  */
 VELA_API int oops_clear(void);
 

@@ -1,5 +1,7 @@
-// Setters check one member each. The sender wraps a batch with facts about the device, sends it with one PUT, and waits
-// longer from failure to failure so that thousands of devices do not hammer a service that is down.
+// Traces: built and checked member by member, sent in batches.
+//
+// The sender wraps a batch with facts about the device, sends it with one PUT, and waits longer from failure to failure
+// so that thousands of devices do not hammer a service that is down.
 
 #include <curl/curl.h>
 #include <sys/time.h>

@@ -1,3 +1,5 @@
+// What the crash service answers: its JSON, and the address in it that a dump is uploaded to.
+
 #include <curl/curl.h>
 #include <strings.h>
 #include <vela/core/internal/log.h>
@@ -14,8 +16,8 @@ constexpr const char *upload_url_key = "upload_url";
 using curl_text = std::unique_ptr<char, releaser<curl_free>>;
 using curl_address = std::unique_ptr<CURLU, releaser<curl_url_cleanup>>;
 
-/// Whether the client would take the address for another protocol than HTTP. A service must not choose that: of a local
-/// file, for one, the client would make an answer, and the answer ends up in the log.
+/// Whether the client would take the address for another protocol than HTTP. A service must not choose that: a local
+/// file, for one, would be an answer to the client, and answers end up in the log.
 bool is_foreign(const char *url)
 {
     const curl_address address{curl_url()};
@@ -25,7 +27,9 @@ bool is_foreign(const char *url)
     if (curl_url_set(address.get(), CURLUPART_URL, url, as_the_client_does)) return false; // it will refuse
     if (curl_url_get(address.get(), CURLUPART_SCHEME, &scheme, 0)) return true;
     const curl_text owned{scheme};
-    return strcasecmp(scheme, "http") != 0 && strcasecmp(scheme, "https") != 0;
+    if (strcasecmp(scheme, "http") == 0 || strcasecmp(scheme, "https") == 0) return false;
+    log_debug_as("send_crash", "upload_url has scheme \"%s\", not http or https", scheme);
+    return true;
 }
 
 } // namespace

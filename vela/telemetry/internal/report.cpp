@@ -1,3 +1,5 @@
+// What crash reports and traces have in common: facts of the device, the services' addresses, members of a report.
+
 #include <cstdlib>
 #include <vela/board/status.h>
 #include <vela/core/file.h>

@@ -16,7 +16,7 @@ inline constexpr const char *no_response_record = "Failed to allocate curl respo
 
 using response_ptr = std::unique_ptr<curl_simple_response, releaser<curl_simple_response_free>>;
 
-/// Unless the device's owner switched analytics off.
+/// True unless the owner switched analytics off.
 bool analytics_on();
 
 /// One of two base URLs: the development one where this installation is not a production one.
