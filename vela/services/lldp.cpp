@@ -1,5 +1,6 @@
-// The client is run with a time limit and its JSON reduced to one small object per neighbour. It prints an object where
-// there is one of a thing and an array where there are several, at every level.
+// The LLDP report: the daemon's client is run, and its JSON reduced to one small object per neighbour.
+//
+// The client prints an object where there is one of a thing and an array where there are several, at every level.
 
 #include <algorithm>
 #include <cerrno>
@@ -11,6 +12,7 @@
 #include <span>
 #include <sys/wait.h>
 #include <vela/board/board.h>
+#include <vela/board/model.h>
 #include <vela/core/internal/json.h>
 #include <vela/core/internal/log.h>
 #include <vela/core/internal/numbers.h>
@@ -32,16 +34,11 @@ constexpr const char *step = "vela_get_lldp_json";
 constexpr const char *const command[]{"lldpcli", "-f", "json", "show", "neigh", nullptr};
 constexpr size_t output_size = 16384;
 constexpr int silence_ms = 2000;
-constexpr int total_ms = 10000;
 constexpr int64_t slow_s = 3;
 constexpr int quiet_after = 5; // "no neighbours" is said so often in a row
 
 constexpr const char *no_chassis_id = "00:00:00:00:00:00";
 constexpr int no_port = -1;
-
-// Boards whose ports do not follow from their names.
-constexpr uint16_t eth0_is_port_5[]{0xA652, 0xA656};
-constexpr uint16_t port_ids_are_addresses = 0xA69F;
 
 enum failure {
     cannot_run = -1,
@@ -58,7 +55,7 @@ constinit int empty_answers = 0;
 
 void log_failure(int code) { log_error_as(step, "wireless/lldp error %d", code); }
 
-/// The running client: its output, and its process group, which is ended with it when it does not end by itself.
+/// The running client: its output, and its process group, which is killed unless the client was waited for.
 class client
 {
 public:
@@ -79,7 +76,7 @@ public:
         pid_ = fork();
         if (pid_ == 0) {
             (void)setpgid(0, 0);
-            // Where our own standard output was closed the pipe may have its number: then dup2 leaves close-on-exec on.
+            // Our own standard output may be closed and the pipe have its number: then dup2 keeps close-on-exec.
             if (dup2(input.get(), STDOUT_FILENO) >= 0 && fcntl(STDOUT_FILENO, F_SETFD, 0) == 0)
                 execvp(command[0], const_cast<char *const *>(command));
             _exit(127);
@@ -89,23 +86,19 @@ public:
     }
     [[nodiscard]] int output() const { return output_.get(); }
 
-    /// Waits for the client until then, and ends it if it is still there.
-    void finish(const vela::deadline &until)
+    /// Waits until the client has ended.
+    void finish()
     {
-        while (waitpid(pid_, nullptr, WNOHANG) == 0) {
-            if (until.passed()) return kill_group();
-            (void)poll(nullptr, 0, 5);
-        }
+        while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {}
         pid_ = -1;
     }
 
 private:
-    // Before the client is reaped: until then nobody else can get its number. What it left running goes too.
+    // Killed before it is reaped: until then nobody else can get its number. What it left running goes too.
     void kill_group()
     {
         (void)kill(-pid_, SIGKILL);
-        while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {}
-        pid_ = -1;
+        finish();
     }
 
     vela::unique_fd output_;
@@ -113,11 +106,11 @@ private:
 };
 
 /// Reads until the client hangs up. What does not fit is read and dropped. 0, or what to log; 1 for a time-out.
-int read_all(const client &running, std::span<char> text, const vela::deadline &total)
+int read_all(const client &running, std::span<char> text)
 {
     size_t used = 0;
-    while (!total.passed()) {
-        const auto until = vela::deadline::earlier(vela::deadline::after_ms(silence_ms), total);
+    for (;;) {
+        const auto until = vela::deadline::after_ms(silence_ms);
         const auto ready = vela::wait_through_signals(running.output(), POLLIN, until);
         if (ready == vela::wait_result::timeout) return 1;
         if (ready == vela::wait_result::failed) return poll_failed - errno;
@@ -132,14 +125,12 @@ int read_all(const client &running, std::span<char> text, const vela::deadline &
         }
         if (room) used += static_cast<size_t>(n);
     }
-    return 1;
 }
 
 /// The client's output, or null after logging why.
 vela::c_string client_output()
 {
     const auto start_ns = vela::monotonic_ns();
-    const auto total = vela::deadline::after_ms(total_ms);
     client running;
     if (!running.start()) {
         log_failure(cannot_run);
@@ -150,11 +141,11 @@ vela::c_string client_output()
         log_failure(no_memory);
         return nullptr;
     }
-    const int result = read_all(running, {text.get(), output_size}, total);
+    const int result = read_all(running, {text.get(), output_size});
     if (result == 1) log_info_as(step, "Poll timeout");
     if (result < 0) log_failure(result);
     if (result != 0) return nullptr;
-    running.finish(vela::deadline::after_ms(silence_ms));
+    running.finish();
     const auto end_ns = vela::monotonic_ns();
     const int64_t seconds = start_ns && end_ns ? (*end_ns - *start_ns) / 1'000'000'000 : 0;
     if (seconds >= slow_s) log_error_as(step, "Warning: lldpcli took %ld seconds!", static_cast<long>(seconds));
@@ -188,9 +179,7 @@ const phy_port *find_port(const board_record &board, const char *port)
 int port_id(const board_record &board, const char *port, int fallback)
 {
     if (const phy_port *found = find_port(board, port)) return found->port_id;
-    const bool odd =
-        std::find(std::begin(eth0_is_port_5), std::end(eth0_is_port_5), board.system_id) != std::end(eth0_is_port_5);
-    return odd && vela::starts_with(port, "eth0") ? 5 : fallback;
+    return is_orb6_wallplate() && vela::starts_with(port, "eth0") ? 5 : fallback;
 }
 
 int local_port_id(const char *port, bool has_chassis_id, const char *neighbour_port_id)
@@ -199,10 +188,8 @@ int local_port_id(const char *port, bool has_chassis_id, const char *neighbour_p
     const int number = port_number(port);
 
     int candidate = has_chassis_id ? port_id(board, port, number) : no_port;
-    if (candidate < 0 && neighbour_port_id && board.system_id == port_ids_are_addresses &&
-        strchr(neighbour_port_id, ':')) {
-        candidate = port_id(board, port, number);
-    }
+    const bool is_address = neighbour_port_id && strchr(neighbour_port_id, ':');
+    if (candidate < 0 && is_address && is_hbx_switch()) candidate = port_id(board, port, number);
     if (candidate < 0) candidate = number;
     return port_id(board, port, candidate);
 }

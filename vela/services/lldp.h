@@ -16,8 +16,8 @@ extern "C" {
 
 /**
  * The neighbours, one object each: "local_port_name", "is_wired", "chassis_id", "chassis_descr", "port_id",
- * "port_descr", and for wired ports "local_port_idx" (the board's port id). Blocks while the client runs, at most two
- * seconds of silence and ten in all; what it prints beyond 16383 bytes is dropped.
+ * "port_descr", and for wired ports "local_port_idx" (the board's port id). Blocks while the client runs, however long
+ * it prints; one that is silent for 2 seconds is killed. What it prints beyond 16383 bytes is dropped.
  *
  * @return a new array, empty when no neighbour is known or the answer makes no sense; null when the client cannot be
  *         run, stays silent, or memory is short. Failures are logged. The caller releases it.

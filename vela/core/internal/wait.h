@@ -68,7 +68,10 @@ inline wait_result wait_for(int fd, short events, const deadline &until)
 inline wait_result wait_through_signals(int fd, short events, const deadline &until)
 {
     auto result = wait_for(fd, events, until);
-    while (result == wait_result::failed && errno == EINTR) result = wait_for(fd, events, until);
+    while (result == wait_result::failed && errno == EINTR) {
+        if (until.passed()) return wait_result::timeout; // signals that never stop must not hold it
+        result = wait_for(fd, events, until);
+    }
     return result;
 }
 
