@@ -1,3 +1,5 @@
+// Sessions of the remote console, over datagrams to the media listener.
+//
 // Every call asks the listener with one record from a socket of its own. Records have one size and one layout; the SDP
 // texts, which do not fit them, travel as framed messages on the same socket. No text that the listener sends is
 // trusted to end in a NUL.
@@ -152,17 +154,17 @@ void log_offer(buffer &line, const webrtc_inform &inf, bool complete)
     log_info_as("get_next_sdp_offer", "%s", text_of(line));
 }
 
-/// Takes an offer record and, where it promises one, the text behind it. Whether the offer is there.
+/// Takes an offer record and, where it is complete, the offer's text, which follows it. Whether it was complete.
 bool take_offer(int fd, const webrtc_ipc_msg &record, webrtc_inform &out, buffer &line)
 {
     const bool complete = record.body[0] != 0;
     const auto *credentials = reinterpret_cast<const char *>(record.body + 1);
     free_webrtc_inform(&out);
     out.uuid = copied(record.uuid, sizeof record.uuid - 1);
-    if (complete) (void)sdp_offer_recv(fd, &out); // tells its failure; the next offer may come through
+    if (complete) (void)sdp_offer_recv(fd, &out); // logs its failure; the offer is null then
     out.turn_creds = copied(credentials, sizeof record.body - 1);
     log_offer(line, out, complete);
-    return out.offer != nullptr;
+    return complete;
 }
 
 } // namespace
@@ -195,7 +197,7 @@ int set_sdp_answer(const char *uuid, const char *answer, char **uuid_out)
     const webrtc_ipc_msg request = make_request(command::set_answer, uuid);
     const vela::unique_fd fd = ask(__func__, request);
     if (!fd.ok()) return -1;
-    (void)sdp_answer_send(fd.get(), answer); // on purpose: the listener's word decides, or its silence
+    (void)sdp_answer_send(fd.get(), answer); // on purpose: whether it arrived, the listener's reply tells
     log_info("Set SDP answer: uuid<%s>, answer<%s>", request.uuid, answer);
 
     webrtc_ipc_msg reply;

@@ -54,8 +54,9 @@ typedef struct webrtc_inform {
  * @param req   copied to the listener
  * @param out   zeroed, or filled by an earlier call: its texts are freed when new ones come. Free it with
  *              free_webrtc_inform(), also after -ENOENT: an incomplete offer may have left texts in it
- * @return 0 with an offer; -1 when a parameter is missing or the listener cannot be asked; -ENOENT when no complete
- *         offer came
+ * @return 0 once the listener has said that the offer is complete. Its text may still be missing: `offer` is null when
+ *         the message that carries it did not come within 5 seconds for each piece, or was refused. -1 when a parameter
+ *         is missing or the listener cannot be asked; -ENOENT when no complete offer came
  */
 VELA_API int get_next_sdp_offer(const char *uuid, const sdp_request *req, webrtc_inform *out);
 
