@@ -19,9 +19,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             if (strnlen(entry.devname, sizeof entry.devname) == sizeof entry.devname) abort();
         }
     } else {
-        char real[16] = "ath1.10";
-        vela::uplink::find_real_ifname(file, "ath1.10", real);
-        if (strnlen(real, sizeof real) == sizeof real || *real == '\0') abort();
+        vela::uplink::real_device devices[2] = {vela::uplink::real_device{"ath1.10"},
+                                                vela::uplink::real_device{"eth0"}};
+        vela::uplink::find_real_devices(file, devices);
+        for (const auto &d : devices) {
+            if (strnlen(d.name, sizeof d.name) == sizeof d.name || *d.name == '\0') abort();
+        }
     }
     fclose(file);
     return 0;

@@ -1,4 +1,5 @@
-// The state machine lives in the device's scripts: reading goes to its state file, changing to the system script.
+// AFC state and location request. The state machine is the device's scripts: the state is read from their file, and a
+// change is asked of the system script.
 
 #include <algorithm>
 #include <cstdio>

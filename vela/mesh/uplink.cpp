@@ -1,10 +1,11 @@
-// The table itself: who is in it, who is active, and how the scripts' files fill it. Scanning is in scan.cpp.
+// The table of uplink interfaces: its entries, the active one, and the scripts' files that fill it. Scanning is in
+// uplink-scan.cpp.
 
-#include <cinttypes>
-#include <cstdlib>
+#include <algorithm>
 #include <vela/board/model.h>
 #include <vela/core/file.h>
 #include <vela/core/internal/log.h>
+#include <vela/core/internal/numbers.h>
 #include <vela/core/internal/own.h>
 #include <vela/core/internal/stream.h>
 #include <vela/core/internal/text.h>
@@ -57,17 +58,25 @@ bool is_used_as_uplink(const char *ifname)
     return usage && read_word(usage.get(), word) && vela::view(word) == uplink_usage;
 }
 
-// On purpose: a line's name matches every interface name that begins with it.
-void take_vlan(char *line, const char *vif, char *real)
+void take_vlan(char *line, std::span<vela::uplink::real_device> devices)
 {
     char *rest = line;
-    const char *name = strtok_r(line, " |", &rest);
-    if (!name || !vela::starts_with(vif, name)) return;
-    const char *id = strtok_r(nullptr, " |", &rest);
+    const char *vlan = strtok_r(line, " |", &rest);
+    const char *id = vlan ? strtok_r(nullptr, " |", &rest) : nullptr;
     const char *device = id ? strtok_r(nullptr, " |", &rest) : nullptr;
     if (!device) return;
-    vela::copy_text(real, name_size, device);
-    log_trace_as("get_real_ifname", "vif(%s) real(%s)", vif, real);
+    for (auto &d : devices) {
+        if (!vela::starts_with(d.vif, vlan)) continue; // on purpose: a line is for every name that begins with its own
+        vela::copy_text(d.name, device);
+        log_trace_as("get_real_ifname", "vif(%s) real(%s)", d.vif, d.name);
+    }
+}
+
+void look_up(std::span<vela::uplink::real_device> devices)
+{
+    if (const vela::file_ptr vlans = open_for_reading(vlans_path)) {
+        vela::uplink::find_real_devices(vlans.get(), devices);
+    }
 }
 
 /// Looks for the multi-link device that a real interface is a link of.
@@ -95,10 +104,12 @@ void find_mld(uplink_entry &entry, const char *real)
 namespace vela
 {
 
-void uplink::find_real_ifname(FILE *vlans, const char *vif, char (&real)[16])
+uplink::real_device::real_device(const char *of) : vif{of} { copy_text(name, of); }
+
+void uplink::find_real_devices(FILE *vlans, std::span<real_device> devices)
 {
     char line[vlan_line_size];
-    while (vela::read_text_line(vlans, line)) take_vlan(line, vif, real);
+    while (read_text_line(vlans, line)) take_vlan(line, devices);
 }
 
 bool uplink::add_listed(FILE *names, uplink_table &t)
@@ -202,12 +213,9 @@ uint8_t *get_active_uplink_wds_iface_mac(uplink_table *t)
 int get_real_ifname(const char *vif, char *real)
 {
     if (!vif || !real) return -1;
-    char name[name_size];
-    vela::copy_text(name, vif);
-    if (const vela::file_ptr vlans = open_for_reading(vlans_path)) {
-        vela::uplink::find_real_ifname(vlans.get(), vif, name);
-    }
-    vela::copy_text(real, name_size, name);
+    vela::uplink::real_device device{vif};
+    look_up({&device, 1});
+    vela::copy_text(real, name_size, device.name);
     return 0;
 }
 
@@ -266,9 +274,14 @@ int uplink_ifname_identify(uplink_table *t, char *wired, size_t n)
 
 int is_uplink_wds_iface(uplink_table *t, const char *ifname)
 {
-    char real[name_size];
-    for (int i = 0; ifname && is_uplink_wds_iface_index_valid(t, i); ++i) {
-        if (get_real_ifname(t->entries[i].devname, real) == 0 && vela::view(real) == ifname) return 1;
+    if (!ifname) return 0;
+    vela::uplink::real_device devices[UPLINK_ENTRIES_MAX];
+    size_t count = 0;
+    while (is_uplink_wds_iface_index_valid(t, static_cast<int>(count))) {
+        devices[count] = vela::uplink::real_device{t->entries[count].devname};
+        ++count;
     }
-    return 0;
+    const auto listed = vela::counted(devices, count);
+    look_up(listed);
+    return std::ranges::any_of(listed, [ifname](const auto &d) { return vela::view(d.name) == ifname; });
 }

@@ -1,5 +1,7 @@
+// The choice of a mesh parent, per band and between the bands.
+//
 // One pass over all records keeps three bests: the strongest of all, and the strongest with either wanted serial
-// number. What is preferred is decided once they are known.
+// number. The preference among the three is decided after the pass.
 
 #include <algorithm>
 #include <cstdint>

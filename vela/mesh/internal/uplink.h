@@ -2,13 +2,23 @@
 #pragma once
 
 #include <cstdio>
+#include <span>
 #include <vela/mesh/uplink.h>
 
 namespace vela::uplink
 {
 
-/// Replaces `real`, which holds a name, by the device under it where the kernel's VLAN table has one.
-void find_real_ifname(FILE *vlans, const char *vif, char (&real)[16]);
+/// An interface and the device under it: itself, until the kernel's VLAN table says otherwise.
+struct real_device {
+    real_device() = default;
+    explicit real_device(const char *name);
+
+    const char *vif = "";
+    char name[16] = "";
+};
+
+/// Reads the kernel's VLAN table once and fills in the devices that it has.
+void find_real_devices(FILE *vlans, std::span<real_device> devices);
 
 /// Adds the interfaces that a file names line by line. False when one did not fit.
 bool add_listed(FILE *names, uplink_table &t);
