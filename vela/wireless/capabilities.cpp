@@ -1,5 +1,5 @@
-// The capability masks that the management daemons report upstream. The server fixes what each bit means; here only
-// stands which boards have it.
+// The capability masks that the management daemons report upstream: which boards have which bit. What a bit means is
+// the server's.
 
 #include <algorithm>
 #include <vela/board/board.h>

@@ -1,3 +1,5 @@
+// Vendor commands over the chip vendor's wrapper, each in a context of the caller's or of its own; private ioctls.
+
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
@@ -62,7 +64,7 @@ generic_result send_generic(vl_cfg80211_context *context, const char *ifname, in
     return {status, command == command_station_list ? static_cast<int>(descriptor.length) : 0};
 }
 
-// Private ioctls: the first two of their range carry data inside the request, behind the driver's sub-ioctl number.
+// The first two private ioctls carry data inside the request, behind the driver's sub-ioctl number.
 constexpr int request_inline_set = SIOCIWFIRSTPRIV;
 constexpr int request_inline_get = SIOCIWFIRSTPRIV + 1;
 static_assert(request_inline_set == 0x8BE0);
@@ -119,7 +121,7 @@ int vl_cfg80211_get_wifi_param_int_ctx(vl_cfg80211_context *context, const char 
     int32_t value = 0;
     const int result = wifi_cfg80211_send_getparam_command(context, sub_params, static_cast<uint32_t>(param), ifname,
                                                            &value, sizeof value);
-    if (result >= 0) *out = value; // part of an answer is none
+    if (result >= 0) *out = value; // a failed call may have filled a part of it
     return result;
 }
 

@@ -5,6 +5,9 @@
  *
  * A vendor context is short-lived: open it, run commands, close it. The functions without a context make one of their
  * own for the one command. Command ids and the layouts of their buffers are the radio driver's.
+ *
+ * A command or ioctl blocks until the driver has answered, without a time limit. Opening a context makes up to 3
+ * attempts, which the kernel answers at once.
  */
 #ifndef VELA_WIRELESS_CFG80211_H
 #define VELA_WIRELESS_CFG80211_H

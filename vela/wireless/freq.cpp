@@ -1,4 +1,6 @@
-// Channel arithmetic (IEEE 802.11, Annex E) in unsigned 32-bit numbers, with the borders that the management server
+// Frequencies, channels, bands and widths, and what an interface's files and driver say of it.
+//
+// Channel arithmetic (IEEE 802.11, Annex E) is in unsigned 32-bit numbers, with the borders that the management server
 // and the radio driver expect. Two conventions live side by side: ours (vl_...) and the driver's (ieee80211_...).
 
 #include <array>

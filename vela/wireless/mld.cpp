@@ -1,3 +1,5 @@
+// Interfaces of the wireless code: their state, and the multi-link device or bridge above them.
+//
 // sysfs tells how interfaces belong together: a link of a multi-link device has an entry "upper_mldN" that points to
 // the device, a member of a bridge has "master".
 

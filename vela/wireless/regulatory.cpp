@@ -1,3 +1,5 @@
+// Transmit power limits and restricted modes, from what the regulatory tool prints.
+//
 // The tool prints one line per channel of a band in ascending order: index, channel, flags, maximum EIRP, maximum
 // antenna gain, and one figure more. A second form of it prints a line about the country with a byte of PHY modes.
 
@@ -33,7 +35,7 @@ const char *band_letter(int32_t band)
 
 vela::pipe_ptr run(const char *command) { return vela::pipe_ptr{popen(command, "re")}; }
 
-// An antenna that is better than the channel allows for has to be fed less. Kept to 32 bits, as the tool's figures are.
+// The antenna's gain above the channel's allowance is taken off the limit. Wraps to 32 bits, as the tool's figures are.
 int32_t adjusted(int32_t max_eirp, int32_t antenna_gain, int32_t max_antenna_gain)
 {
     const int64_t excess = std::max<int64_t>(int64_t{antenna_gain} - max_antenna_gain, 0);
@@ -87,8 +89,7 @@ int vl_regulatory_get_max_eirp(int32_t country, int32_t band, int32_t channel, i
     return 0;
 }
 
-// Which restriction bits follow from which mode bits, all of a row's mode bits set. On purpose nothing gives bit 5 and
-// mode bit 7 gives nothing.
+// A row's restriction bits apply when all of its mode bits are set. On purpose no row gives bit 5 or reads mode bit 7.
 struct restriction {
     uint8_t modes;
     uint8_t bits;

@@ -1,7 +1,8 @@
 /**
  * @file
  * Transmit power and PHY modes under a country's regulatory rules, as the device's tool "vela-regdomain" prints them.
- * Nothing is cached: every call that needs the rules runs the tool.
+ * Nothing is cached: a call that needs the rules runs the tool once and blocks until it has ended, without a time
+ * limit.
  */
 #ifndef VELA_WIRELESS_REGULATORY_H
 #define VELA_WIRELESS_REGULATORY_H

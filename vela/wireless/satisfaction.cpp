@@ -1,4 +1,4 @@
-// Every area is scored by one small function; `scorecard` applies the one rule by which a score reaches the station's
+// Station satisfaction: each area is scored by one small function, and record() puts the score into the station's
 // record. The order of scoring decides which of two equally bad areas is named as the reason.
 
 #include <algorithm>
@@ -57,7 +57,7 @@ int32_t interpolate(std::span<const segment> segments, float x)
     return 0;
 }
 
-// The rate as the radio's health lets it be. Stations at 2.4 GHz are never marked down for theirs.
+// The rate counts in proportion to the radio's efficiency. Stations at 2.4 GHz are never marked down for their rate.
 int32_t phy_rate_score(const vela_station &s)
 {
     if (s.tx_rate == 0 || s.freq < 4800) return best;
@@ -82,9 +82,10 @@ int32_t tcp_latency_score(const vela_station &s)
     return best - static_cast<int32_t>((average_ms - 100) / 15);
 }
 
-double percent_of(uint64_t part, uint64_t whole)
+// Single precision in every step: a share of exactly a threshold then counts as reaching it. None of none is no number.
+float percent_of(uint64_t part, uint64_t whole)
 {
-    return static_cast<double>(static_cast<float>(part) / static_cast<float>(whole)) * 100.0;
+    return static_cast<float>(part) / static_cast<float>(whole) * 100.0F;
 }
 
 int32_t retry_score(const vela_station &s)
@@ -140,8 +141,7 @@ int32_t drop_score(const vela_station &s)
                     s.tx_drops, s.tx_tries);
         return 0;
     }
-    // None of none is no number, and compares as below the threshold.
-    return percent_of(s.tx_drops, s.tx_tries) >= static_cast<double>(row->percent) ? 70 : best;
+    return percent_of(s.tx_drops, s.tx_tries) >= row->percent ? 70 : best;
 }
 
 void record(vela_station &s, int area, int32_t score)

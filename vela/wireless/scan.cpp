@@ -1,5 +1,7 @@
-// A driver result becomes one entry of one allocation. Elements are walked once; who looks at them bounds its own
-// reads.
+// Scanning: requests to the radio, and the list of access points made from the driver's results.
+//
+// A driver result becomes one entry of one allocation. Information elements are walked once; the callback bounds its
+// own reads.
 
 #include <algorithm>
 #include <cerrno>
@@ -39,15 +41,16 @@ constexpr uint8_t maker_prefix[] = {vela::settings::maker_oui >> 16 & 0xFF, vela
                                     vela::settings::maker_oui & 0xFF, maker_type};
 enum class field : uint8_t { serial = 1, flags = 2, mesh = 3 };
 
-/// Who gets the results of the collection under way: set and cleared by parse_scan_results.
-constinit struct {
+/// Who gets the results of this thread's collection: set and cleared by parse_scan_results, as the driver's replies
+/// carry no argument of ours.
+constinit thread_local struct {
     scan_result_callback per_result;
     void *ctx;
 } collection = {};
 
 using bytes = std::span<const uint8_t>;
 
-// The list's head stands in its circle as an entry of which only the two links exist.
+// The list's head closes the circle like an entry, but has nothing beyond the two links.
 static_assert(offsetof(scan_list, first) == offsetof(scan_entry, next));
 static_assert(offsetof(scan_list, last) == offsetof(scan_entry, prev));
 
@@ -144,7 +147,7 @@ void copy_numbers(const scan_result &result, scan_entry &entry)
     entry.adhoc = result.flags & SCAN_RESULT_ADHOC;
 }
 
-// A driver's reply is taken at its length, not at its word.
+// The lengths that a result announces count only where the reply is as long.
 void on_reply(wifi_cfg80211_data *reply)
 {
     const auto *result = static_cast<const scan_result *>(reply->data);
@@ -173,7 +176,7 @@ private:
 bool put_scan(nl_msg *message, int family, const char *ifname, const char *ssid, std::span<const uint32_t> freqs)
 {
     if (!genlmsg_put(message, 0, 0, family, 0, 0, NL80211_CMD_TRIGGER_SCAN, 0)) return false;
-    // An interface that is not there has index 0, and the kernel says what it thinks of that.
+    // Index 0 for an interface that does not exist: the kernel refuses it with its own error.
     if (nla_put_u32(message, NL80211_ATTR_IFINDEX, vela::netlink::interface_index(ifname)) < 0) return false;
     if (ssid) {
         nested ssids{message, NL80211_ATTR_SCAN_SSIDS};

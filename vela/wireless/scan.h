@@ -4,7 +4,7 @@
  *
  * A scan request returns at once; the kernel announces the end of the scan as NL80211_CMD_NEW_SCAN_RESULTS. The list
  * can be read at any time: it holds what was heard within the last half minute or so. One collection at a time per
- * process.
+ * thread.
  */
 #ifndef VELA_WIRELESS_SCAN_H
 #define VELA_WIRELESS_SCAN_H
