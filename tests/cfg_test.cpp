@@ -58,67 +58,66 @@ TEST(Cfg, SavesWhatItReadsBack)
 {
     const leak_check leaks;
     const auto cfg = parsed("b.2= x = y \na=\nb.2=again\n");
-    site::put_file(path, std::string(100, 'x'));
     ASSERT_EQ(0, save_cfg(cfg.get(), path));
+    EXPECT_EQ("# CFG Start\nb.2= x = y \na=\nb.2=again\n", site::read_file(path));
     testing::internal::CaptureStdout();
     print_cfg(config{parse(path)}.get());
-    EXPECT_EQ("# CFG Start\n" + testing::internal::GetCapturedStdout(), site::read_file(path));
-    EXPECT_EQ("# CFG Start\nb.2= x = y \na=\nb.2=again\n", site::read_file(path));
-    EXPECT_EQ(-1, save_cfg(nullptr, "/tmp/none/file"));
-    EXPECT_EQ(-1, save_cfg(cfg.get(), "/dev/full"));
-    EXPECT_EQ(0, save_cfg(nullptr, path));
+    EXPECT_EQ("b.2= x = y \na=\nb.2=again\n", testing::internal::GetCapturedStdout());
+    EXPECT_EQ(0, save_cfg(nullptr, path)) << "cuts what was there";
     for (const char *none : {path, "/tmp/none", "/tmp"}) EXPECT_EQ(nullptr, parse(none)) << none;
+    for (const char *bad : {"/tmp/none/file", "/dev/full"}) EXPECT_EQ(-1, save_cfg(cfg.get(), bad)) << bad;
     site::remove_file(path);
     leaks.expect_unchanged();
 }
 
-// Freed as parsed, with texts of the program's own in it, and made by hand: the sanitizers count.
-TEST(Cfg, FreesTextsAndRecordsWhoeverMadeThem)
+// A program owns what is parsed, block by block: the sanitizers count.
+TEST(Cfg, RecordsAndTextsAreBlocksOfTheirOwn)
 {
-    cfg_entry *cfg = parsed("a=1 \nb=2 \nc=3 \n").release();
-    esc_value(cfg->next);
-    cfg->next->value = strdup("replaced");
-    auto *own = static_cast<cfg_entry *>(calloc(1, sizeof(cfg_entry)));
-    *own = {strdup("own"), strdup("$"), nullptr, nullptr};
-    cfg = cfg_it_append(cfg, &own);
-    EXPECT_STREQ("\\$", get_esc_value(cfg, nullptr, "own"));
-    EXPECT_STREQ("replaced", get_value(cfg, nullptr, "b"));
+    cfg_entry *cfg = parsed("a=1 \nb=2 \nc=3 \nd=$ \ne=5 \n# misc\na=6 \n").release();
+    free(cfg->value);
+    cfg->value = strdup("replaced");
+    cfg_entry *unlinked = std::exchange(cfg->next, cfg->next->next);
+    for (char *text : {unlinked->key, unlinked->value}) free(text);
+    free(unlinked);
+    auto *own = static_cast<cfg_entry *>(malloc(sizeof(cfg_entry)));
+    *own = {strdup("own"), strdup("`"), nullptr, cfg->next};
+    cfg->next = own;
+    EXPECT_STREQ("\\`", get_esc_value(cfg, nullptr, "own"));
+    EXPECT_STREQ("\\$ ", get_esc_value(cfg, nullptr, "d"));
+    EXPECT_EQ("a=replaced|own=`|c=3 |d=$ |e=5 ", shown(cfg));
+    const config second_half{std::exchange(own->next->next, nullptr)};
+    EXPECT_EQ("d=$ |e=5 ", shown(second_half.get()));
     free_cfg(cfg);
 }
 
+// A comparison of all pairs would take minutes. The numbers differ above 32 bits only.
 TEST(Cfg, HundredThousandLinesAreNotQuadratic)
 {
     std::string text = "# misc\n";
-    for (int i = 0; i < 100'000; ++i)
-        text += "wireless.vap." + std::to_string(i % 50'000) + "=" + (i < 50'000 ? "0\n" : "1\n");
+    for (uint64_t i = 0; i < 100'000; ++i)
+        text += "vap." + std::to_string(i % 50'000 << 32) + (i < 50'000 ? "=0\n" : "=1\n");
     const auto merged = parsed(text);
     const auto repeated = parsed(text.substr(7));
-    const iterator changes{get_cfg_diff_it(repeated.get(), merged.get())};
-    EXPECT_EQ(50'000, get_cfg_count(changes.get()));
-    const iterator sorted{get_cfg_section(repeated.get(), nullptr, nullptr, "wireless.vap.")};
-    EXPECT_STREQ("wireless.vap.0", sorted->next->key);
+    EXPECT_EQ(50'000, get_cfg_count(merged.get()));
+    EXPECT_EQ(50'000, get_cfg_count(iterator{get_cfg_diff_it(repeated.get(), merged.get())}.get()));
+    EXPECT_EQ(100'000, get_cfg_count(iterator{get_cfg_section(repeated.get(), nullptr, nullptr, "vap.")}.get()));
 }
 
 // The fuzz target compares any keys with the order as it is stated.
 TEST(Cfg, KeysAreEqualAsTheNaturalOrderSays)
 {
-    const std::string zeros(32, '0');
+    const auto zeros = [](size_t n) { return std::string(n, '0'); };
     const table<std::string, std::string, bool> cases = {
         {"Radio.10.mode", "radio.10.MODE", true},
-        {"a\x80z", "A\x80Z", true},
         {"radio[1]", "radio{1]", false},
         {"\xc4", "\xe4", false}, // beyond ASCII there is no case
         {"a.01", "a.1", false},
-        {"1" + zeros, "2" + zeros, true}, // numbers count modulo 2^32, at each of their positions
-        {"4294967296", "0000000000", false},
-        {std::string(127, 'k'), std::string(127, 'K'), true}, // on the stack, by words; then without either
-        {std::string(128, 'k'), std::string(128, 'K'), true},
-        {std::string(256, 'k'), std::string(256, 'K'), true},
+        {"8" + zeros(29), zeros(30), true}, // numbers count modulo 2^32, at each of their places
+        {"8" + zeros(28), zeros(29), false},
+        {"4294967296", zeros(10), false},
+        {std::string(256, 'k'), std::string(256, 'K'), true}, // the first that wants the heap
     };
     for (const auto &[a, b, equal] : cases) {
-        std::string key = " " + a, value;
-        cfg_entry own = {&key[1], value.data(), nullptr, nullptr}; // a caller's own key starts anywhere
-        EXPECT_EQ(equal, get_value(&own, nullptr, "%s", b.c_str()) != nullptr) << a;
         EXPECT_EQ(equal, get_value(parsed("x=\n" + a + "=v\n").get(), nullptr, "%s", b.c_str()) != nullptr) << a;
         EXPECT_EQ(equal ? 1 : 2, get_cfg_count(parsed("# misc\n" + a + "=v\n" + b + "=w\n").get())) << a;
     }
@@ -256,12 +255,11 @@ TEST(Cfg, WantOfMemory)
     fputs("# misc\na=$\n", stream);
     const auto use_all = [&] {
         rewind(stream);
-        const config all{parse_stream(stream)}; // three allocations
-        esc_value(all.get());
-        free_cfg_it(get_cfg_diff_it(nullptr, all.get())); // three more
+        const config all{parse_stream(stream)};           // five allocations
+        esc_value(all.get());                             // one
+        free_cfg_it(get_cfg_diff_it(nullptr, all.get())); // three
     };
-    for (int n = 0; n < 7; ++n) {
+    for (int n = 0; n < 9; ++n)
         EXPECT_EXIT((faults::refuse_memory{n}, use_all()), testing::ExitedWithCode(1), "^cfg:[0-9]+: Out of memory\n$");
-    }
     fclose(stream);
 }

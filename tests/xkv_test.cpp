@@ -109,7 +109,7 @@ TEST(Xkv, TextsAreCutToTheirRoom)
 {
     const auto file = loaded("key=value");
     const table<size_t, const char *, int> cases = {
-        {0, "???????", 4}, {1, "", 4}, {5, "valu", 8}, {6, "value", 9}, {7, "value", 10}};
+        {0, "???????", 4}, {1, "", 4}, {5, "valu", 8}, {6, "value", 10}, {7, "value", 10}};
     for (const auto &[size, text, cursor] : cases) {
         char out[] = "???????";
         EXPECT_EQ(file.get() + cursor, xkv_read_str(file.get(), "key", size, out)) << size;

@@ -1,6 +1,6 @@
-// Iterators have a record of their own for each match, so that they can be joined and taken apart.
+// Makes iterators: lists of the entries that match. Each has a record of its own for every match, so that iterators can
+// be joined and taken apart.
 
-#include <optional>
 #include <vela/config/internal/cfg_key.h>
 #include <vela/config/internal/cfg_value.h>
 #include <vela/core/internal/log.h>
@@ -12,154 +12,107 @@ namespace
 constexpr const char *log_module = "cfg";
 constexpr const char *comment_component = "comment";
 
-/// Takes matches in their order; the list is the caller's.
-class collector
-{
-public:
-    explicit collector(const char *function) : function_{function} {}
+/// Builds an iterator, match by match.
+struct iterator {
+    cfg_entry *list = nullptr;
+    cfg_entry **end = &list;
 
-    /// False stops the walk.
-    bool add(const cfg_entry &match)
+    void add(const cfg_entry &match)
     {
-        if ((first_ == nullptr) != (last_ == nullptr)) {
-            log_error_as(function_, "invalid ctx state");
-            return false;
-        }
         auto record = vela::make_zeroed<cfg_entry>();
         if (!record) vela::out_of_memory("cfg", __LINE__);
         record->key = match.key;
         record->value = match.value;
-        (last_ ? last_->next : first_) = record.get();
-        last_ = record.release();
-        return true;
+        *end = record.release();
+        end = &(*end)->next;
     }
+};
 
-    [[nodiscard]] cfg_entry *list() const { return first_; }
+template <class Match> cfg_entry *collect(const cfg_entry *cfg, const Match &matches)
+{
+    iterator found;
+    for (; cfg; cfg = cfg->next) {
+        if (matches(*cfg)) found.add(*cfg);
+    }
+    return found.list;
+}
+
+template <class Match> int count(const cfg_entry *cfg, const Match &matches)
+{
+    int n = 0;
+    for (; cfg; cfg = cfg->next) n += matches(*cfg);
+    return n;
+}
+
+/// Matches keys that equal a formatted one, or begin with it.
+class key_match
+{
+public:
+    VELA_PRINTF(4, 0)
+    key_match(const char *function, bool exact, const char *format, va_list args)
+        : exact_{exact}, key_{function, format, args}
+    {
+    }
+    bool operator()(const cfg_entry &e) const
+    {
+        return key_.ok() && (exact_ ? key_.equals(e.key) : key_.begins(e.key));
+    }
 
 private:
-    const char *function_;
-    cfg_entry *first_ = nullptr;
-    cfg_entry *last_ = nullptr;
+    bool exact_;
+    vela::wanted_key key_;
 };
 
-/// Counts matches where only their number is asked for.
-struct counter {
-    bool add(const cfg_entry & /*match*/)
-    {
-        ++count;
-        return true;
-    }
-    int count = 0;
-};
-
-/// Hands every entry that matches to a sink.
-template <class Match, class Sink> void walk(const cfg_entry *cfg, const Match &match, Sink &sink)
+/// Matches the numbered elements of a section.
+class element_match
 {
-    for (; cfg; cfg = cfg->next) {
-        if (match.holds(*cfg) && !sink.add(*cfg)) return;
-    }
-}
-
-/// Keys that equal a formatted one, or begin with it.
-template <class Sink>
-void walk_keys(const char *function, const cfg_entry *cfg, int exact, const char *format, va_list args, Sink &sink)
-{
-    struct equal_key {
-        bool holds(const cfg_entry &e) const { return key.equals(e.key); }
-        vela::wanted_key key;
-    };
-    struct same_start {
-        bool holds(const cfg_entry &e) const { return e.key && strncmp(e.key, prefix.data(), prefix.size()) == 0; }
-        std::string_view prefix;
-    };
-
-    const vela::formatted_key key{format, args};
-    if (!key.ok()) {
-        log_error_as(function, "OOM");
-        return;
-    }
-    if (exact) {
-        walk(cfg, equal_key{vela::wanted_key{key}}, sink);
-    } else {
-        walk(cfg, same_start{key.view()}, sink);
-    }
-}
-
-/// The numbered elements of a section.
-struct element_match {
-    [[nodiscard]] bool holds(const cfg_entry &e) const
+public:
+    VELA_PRINTF(5, 0)
+    element_match(const char *function, const char *postfix, const char *value, const char *format, va_list args)
+        : postfix_{postfix}, value_{value}, prefix_{function, format, args}
     {
-        if (!e.key || strncmp(e.key, prefix.data(), prefix.size()) != 0) return false;
-        const char *number = e.key + prefix.size();
+        if (postfix && *postfix != '.') {
+            log_error_as(function, "postfix must start with '.': '%s'", postfix);
+            return;
+        }
+        if (!prefix_.ok()) return;
+        if (prefix_.size() == 0 || prefix_.c_str()[prefix_.size() - 1] != '.')
+            log_warn_as(function, "deprecated prefix doesn't end with '.': '%s' => '%s'", format, prefix_.c_str());
+        ok_ = true;
+    }
+    bool operator()(const cfg_entry &e) const
+    {
+        if (!ok_ || !prefix_.begins(e.key)) return false;
+        const vela::errno_keeper keep; // many a key has no number there
+        const char *number = e.key + prefix_.size();
         char *end = nullptr;
         (void)strtol(number, &end, 0);
-        return end != number && ends_right(end) && has_value(vela::view(e.value));
+        return end != number && ends_right(end) && (!value_ || vela::view(e.value) == value_);
     }
+
+private:
     [[nodiscard]] bool ends_right(const char *rest) const
     {
-        if (!postfix) return *rest == '\0';
+        if (!postfix_) return *rest == '\0';
         const char *dot = strchr(rest, '.');
-        return dot && vela::natural_compare(dot, postfix) == 0;
-    }
-    [[nodiscard]] bool has_value(std::string_view text) const
-    {
-        if (enabled_only && !vela::switch_value(text).value_or(false)) return false;
-        return !value || text == value;
+        return dot && vela::natural_compare(dot, postfix_) == 0;
     }
 
-    const char *postfix;
-    const char *value;
-    bool enabled_only = false;
-    std::string_view prefix = {};
+    const char *postfix_;
+    const char *value_;
+    vela::wanted_key prefix_;
+    bool ok_ = false;
 };
 
-template <class Sink>
-void walk_section(const char *function, const cfg_entry *cfg, element_match match, const char *format, va_list args,
-                  Sink &sink)
+cfg_entry *sorted(cfg_entry *list)
 {
-    if (match.postfix && *match.postfix != '.') {
-        log_error_as(function, "postfix must start with '.': '%s'", match.postfix);
-        return;
+    cfg_entry **end = &list;
+    for (const auto &place : vela::sorted_entries{list}) {
+        *end = place.entry;
+        end = &place.entry->next;
     }
-    const vela::formatted_key prefix{format, args};
-    if (!prefix.ok()) {
-        log_error_as(function, "OOM");
-        return;
-    }
-    match.prefix = prefix.view();
-    if (match.prefix.empty() || match.prefix.back() != '.') {
-        log_warn_as(function, "deprecated prefix doesn't end with '.': '%s' => '%s'", format, prefix.c_str());
-    }
-    const vela::errno_keeper keep; // many a key has no number there
-    walk(cfg, match, sink);
-}
-
-/// Merges two sorted lists; of equal keys those of the first stay ahead.
-cfg_entry *merge(cfg_entry *a, cfg_entry *b)
-{
-    cfg_entry *merged = nullptr;
-    cfg_entry **end = &merged;
-    while (a && b) {
-        cfg_entry *&smaller = vela::natural_compare(a->key, b->key) <= 0 ? a : b;
-        *end = smaller;
-        end = &smaller->next;
-        smaller = smaller->next;
-    }
-    *end = a ? a : b;
-    return merged;
-}
-
-/// Takes the next `count` records off a list and returns them sorted.
-cfg_entry *take_sorted(cfg_entry *&list, int count)
-{
-    if (count == 1) {
-        cfg_entry *record = list;
-        list = record->next;
-        record->next = nullptr;
-        return record;
-    }
-    cfg_entry *first_half = take_sorted(list, count / 2);
-    return merge(first_half, take_sorted(list, count - count / 2));
+    *end = nullptr;
+    return list;
 }
 
 bool is_comment(const char *key)
@@ -168,66 +121,52 @@ bool is_comment(const char *key)
     return dot && strcmp(dot + 1, comment_component) == 0;
 }
 
-vela::key_index index_of(const cfg_entry *cfg)
-{
-    vela::key_index index{static_cast<size_t>(get_cfg_count(cfg))};
-    for (; cfg; cfg = cfg->next) index.add(cfg);
-    return index;
-}
-
 } // namespace
 
 cfg_entry *get_cfg_it(const cfg_entry *cfg, int exact, const char *format, ...)
 {
-    collector matches{__func__};
     va_list args;
     va_start(args, format);
-    walk_keys(__func__, cfg, exact, format, args, matches);
+    const key_match matches{__func__, exact != 0, format, args};
     va_end(args);
-    return matches.list();
+    return collect(cfg, matches);
 }
 
 int get_cfg_key_count(const cfg_entry *cfg, int exact, const char *format, ...)
 {
-    counter matches;
     va_list args;
     va_start(args, format);
-    walk_keys(__func__, cfg, exact, format, args, matches);
+    const key_match matches{__func__, exact != 0, format, args};
     va_end(args);
-    return matches.count;
+    return count(cfg, matches);
 }
 
 cfg_entry *get_cfg_section(const cfg_entry *cfg, const char *postfix, const char *value, const char *format, ...)
 {
-    collector elements{__func__};
     va_list args;
     va_start(args, format);
-    walk_section(__func__, cfg, {postfix, value}, format, args, elements);
+    const element_match matches{__func__, postfix, value, format, args};
     va_end(args);
-
-    cfg_entry *list = elements.list();
-    const int count = get_cfg_count(list);
-    return count == 0 ? nullptr : take_sorted(list, count);
+    return sorted(collect(cfg, matches));
 }
 
 int get_cfg_section_count(const cfg_entry *cfg, const char *postfix, const char *value, const char *format, ...)
 {
-    counter elements;
     va_list args;
     va_start(args, format);
-    walk_section(__func__, cfg, {postfix, value}, format, args, elements);
+    const element_match matches{__func__, postfix, value, format, args};
     va_end(args);
-    return elements.count;
+    return count(cfg, matches);
 }
 
 int get_cfg_section_enabled_count(const cfg_entry *cfg, const char *postfix, const char *format, ...)
 {
-    counter elements;
     va_list args;
     va_start(args, format);
-    walk_section(__func__, cfg, {postfix, nullptr, true}, format, args, elements);
+    const element_match matches{__func__, postfix, nullptr, format, args};
     va_end(args);
-    return elements.count;
+    return count(
+        cfg, [&](const cfg_entry &e) { return matches(e) && vela::switch_value(vela::view(e.value)).value_or(false); });
 }
 
 cfg_entry *cfg_it_append(cfg_entry *it, cfg_entry **more)
@@ -252,22 +191,16 @@ void free_cfg_it(cfg_entry *it)
 
 cfg_entry *get_cfg_diff_it(const cfg_entry *old_cfg, const cfg_entry *new_cfg)
 {
-    struct changed {
-        bool holds(const cfg_entry &e) const
-        {
-            if (is_comment(e.key)) return false;
-            const cfg_entry *before = old_keys.find(e.key);
-            return !before || vela::view(before->value) != vela::view(e.value);
-        }
-        vela::key_index old_keys;
-    };
-    struct removed {
-        bool holds(const cfg_entry &e) const { return !is_comment(e.key) && !new_keys.find(e.key); }
-        vela::key_index new_keys;
-    };
-
-    collector changes{__func__};
-    walk(new_cfg, changed{index_of(old_cfg)}, changes);
-    walk(old_cfg, removed{index_of(new_cfg)}, changes);
-    return changes.list();
+    const vela::sorted_entries before{old_cfg};
+    const vela::sorted_entries after{new_cfg};
+    iterator changes;
+    for (; new_cfg; new_cfg = new_cfg->next) {
+        if (is_comment(new_cfg->key)) continue;
+        const cfg_entry *old = before.find(new_cfg->key);
+        if (!old || vela::view(old->value) != vela::view(new_cfg->value)) changes.add(*new_cfg);
+    }
+    for (; old_cfg; old_cfg = old_cfg->next) {
+        if (!is_comment(old_cfg->key) && !after.find(old_cfg->key)) changes.add(*old_cfg);
+    }
+    return changes.list;
 }

@@ -1,11 +1,9 @@
-// Lookups scan the list: configurations hold some hundreds of entries. How a key is compared stands in cfg_key.h, how a
-// file becomes records in cfg-file.cpp, lists of matches in cfg-iterator.cpp.
+// Answers questions about single keys of a configuration. Each answer walks the list: configurations hold some hundreds
+// of entries. cfg-file.cpp reads and writes files, cfg-iterator.cpp makes lists of matches, cfg_key.h compares keys.
 
 #include <cstddef>
-#include <optional>
 #include <vela/config/internal/cfg_key.h>
 #include <vela/config/internal/cfg_value.h>
-#include <vela/core/internal/log.h>
 #include <vela/core/internal/own.h>
 
 static_assert(offsetof(cfg_entry, key) == 0 && offsetof(cfg_entry, value) == sizeof(void *));
@@ -14,19 +12,16 @@ static_assert(offsetof(cfg_entry, escaped) == 2 * sizeof(void *) && offsetof(cfg
 namespace
 {
 
-constexpr const char *log_module = "cfg";
 constexpr const char *shell_specials = "`\\\"$";
 constexpr const char *white_space = " \t\n\v\f\r"; // as the strtol family skips it
 
 /// The first entry with a formatted key, or null; `function` is whom a failure is logged for.
 const cfg_entry *lookup(const char *function, const cfg_entry *cfg, const char *format, va_list args)
 {
-    const vela::formatted_key key{format, args};
-    if (!key.ok()) {
-        log_error_as(function, "OOM");
-        return nullptr;
-    }
-    return vela::wanted_key{key}.find_in(cfg);
+    const vela::wanted_key key{function, format, args};
+    if (!key.ok()) return nullptr;
+    while (cfg && !key.equals(cfg->key)) cfg = cfg->next;
+    return cfg;
 }
 
 struct number {

@@ -4,13 +4,17 @@
  * and asked by key.
  *
  *     cfg_entry *cfg = parse("/tmp/system.cfg");
- *     for (int i = 1; i <= get_cfg_section_count(cfg, ".devname", NULL, "radio."); ++i)
- *         printf("%s\n", get_value(cfg, "?", "radio.%d.devname", i));
+ *     cfg_entry *radios = get_cfg_section(cfg, ".devname", NULL, "radio.");
+ *     for (const cfg_entry *radio = radios; radio; radio = radio->next)
+ *         printf("%s has channel %d\n", radio->value,
+ *                get_int32(cfg, 0, "radio.%d.channel", get_cfg_key_idx(radio->key, 1)));
+ *     free_cfg_it(radios);
  *     free_cfg(cfg);
  *
  * A configuration is the pointer to its first record, in the order of the file; null is the empty one, and every query
- * takes it. An iterator is a list of the same shape whose keys and values are borrowed from the configuration it was
- * taken from; every query works on it too. Free iterators with free_cfg_it() before their configuration.
+ * takes it. A query walks the whole list: keep its answer rather than ask again in a loop. An iterator is a list of the
+ * same shape whose keys and values are borrowed from the configuration it was taken from; every query works on it too.
+ * Free iterators with free_cfg_it() before their configuration.
  *
  * Lines of the file: "#" starts a comment, a line without "=" is ignored. A key has blanks and tabs trimmed; a value is
  * everything behind the first "=" but the line's last character, neither trimmed nor unescaped (so the last line needs
@@ -36,15 +40,14 @@ extern "C" {
 
 typedef struct cfg_entry cfg_entry;
 /**
- * One record. Its texts belong to the configuration and live as long. All records of a parsed configuration and their
- * texts are one block; a program may put a text of its own, from malloc, in the place of one (without freeing that; a
- * new value wants escaped null again), put records of its own before or behind, or make a list record by record:
- * free_cfg() gives all of it back.
+ * One record. A record of a parsed configuration owns itself and its texts, each of them a block from malloc: a program
+ * may free and replace a text, unlink and free a record, put one of its own between two, or cut a list in two.
+ * free_cfg() frees what it finds in the list. A new value wants escaped null again (freed, unless it was the value).
  */
 struct cfg_entry {
     char *key;
     char *value;
-    char *escaped; /**< cache of esc_value(); null until asked for, equal to value where nothing needs escaping */
+    char *escaped; /**< cache of esc_value(); null until asked for, the value itself where nothing needs escaping */
     cfg_entry *next;
 };
 
@@ -53,13 +56,14 @@ VELA_API cfg_entry *parse(const char *path);
 /** Parses a stream from where it stands to its end; the stream stays open. Null for a null stream or without entries.
  */
 VELA_API cfg_entry *parse_stream(FILE *stream);
-/** Frees a configuration as parse() returned it. Null is fine. */
+/** Frees every record of a list, its texts with it. Null is fine. */
 VELA_API void free_cfg(cfg_entry *cfg);
 
 /** Writes "key=value" lines to standard output. */
 VELA_API void print_cfg(const cfg_entry *cfg);
 /**
- * Writes a file that parse() reads back: the line "# CFG Start" and one line per entry, in list order.
+ * Writes a file that parse() reads back: the line "# CFG Start" and one line per entry, in list order. Ends at the
+ * first line that cannot be written.
  *
  * @return 0; -1 when the file cannot be opened or not be written whole
  */
@@ -126,7 +130,7 @@ VELA_API int get_cfg_section_enabled_count(const cfg_entry *cfg, const char *pos
     VELA_PRINTF(3, 4);
 
 /**
- * Joins two iterators.
+ * Joins two iterators. Walks the first to its end: to join many, start with the last.
  *
  * @param more  the second, taken over and set to null; null or an empty one changes nothing
  * @return the joined list

@@ -1,6 +1,6 @@
-// The buffer is plain text that ends in NULs; an extractor finds its value with the string functions and converts it in
-// place. A cursor stands one past what ended a value, so behind the last line one past the terminating NUL: the loader
-// keeps a spare zero byte there.
+// Reads files of key=value lines. The buffer is plain text that ends in NULs; an extractor finds its value with the
+// string functions and converts it in place. A cursor stands one past what ended a value, so behind the last line one
+// past the terminating NUL: the loader keeps a spare zero byte there.
 
 #undef NDEBUG // the address count is checked in every build
 
@@ -8,9 +8,9 @@
 #include <cassert>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <vela/config/internal/growing_text.h>
 #include <vela/config/xkv.h>
 #include <vela/core/internal/own.h>
+#include <vela/core/internal/text.h>
 
 namespace
 {
@@ -34,6 +34,15 @@ size_t expected_size(int fd)
     struct stat status = {};
     if (fstat(fd, &status) < 0 || !S_ISREG(status.st_mode) || status.st_size < 1) return start_size;
     return static_cast<size_t>(status.st_size);
+}
+
+/// Moves a text into a block of twice its size and clears the new half and its spare byte.
+char *doubled(char *text, size_t size)
+{
+    char *moved = size > SIZE_MAX / 4 ? nullptr : static_cast<char *>(realloc(text, 2 * size + 1));
+    if (!moved) vela::out_of_memory("xkv", growth_line);
+    memset(moved + size, 0, size + 1);
+    return moved;
 }
 
 /// Where the value of a key starts, or null. A null key stands for the place itself.
@@ -87,13 +96,20 @@ char *xkv_file_to_buff(const char *path)
     const vela::unique_fd file{open(path, O_RDONLY | O_CLOEXEC)};
     if (!file.ok()) return nullptr;
 
-    // Besides the NUL that ends the text one byte is never filled: the place of a cursor behind the last line.
-    vela::growing_text text{expected_size(file.get()), "xkv", first_allocation_line, growth_line};
+    size_t size = expected_size(file.get());
+    size_t used = 0;
+    // One byte more than the size is never filled: the place of a cursor behind the last line.
+    vela::c_string text{static_cast<char *>(calloc(size + 1, 1))};
+    if (!text) vela::out_of_memory("xkv", first_allocation_line);
     for (;;) {
-        const ssize_t n = read(file.get(), text.room(), text.room_size());
+        const ssize_t n = read(file.get(), text.get() + used, size - used);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) return text.release();
-        text.took(static_cast<size_t>(n));
+        used += static_cast<size_t>(n);
+        if (used == size) { // always room for another byte, so that a NUL follows the text
+            text.reset(doubled(text.release(), size));
+            size *= 2;
+        }
     }
 }
 
@@ -117,11 +133,9 @@ char *xkv_read_str(const char *from, const char *key, size_t size, char *out)
     const char *value = find_value(from, key);
     if (!value || size == 0) return cursor(value);
 
-    size_t n = 0;
-    while (n < size - 1 && value[n] && value[n] != '\n') ++n;
-    memcpy(out, value, n);
-    out[n] = '\0';
-    return cursor(value + (n < size - 1 ? n + 1 : n)); // a cut value goes on where it was cut
+    const size_t n = vela::copy_text(out, size, {value, strcspn(value, "\n")});
+    const bool whole = value[n] == '\0' || value[n] == '\n';
+    return cursor(value + n + whole); // a cut value goes on where it was cut
 }
 
 char *xkv_read_mac(const char *from, const char *key, size_t cnt, uint8_t *out)

@@ -1,4 +1,4 @@
-// Keys: their natural order, a formatted one that is looked for, and an index for where every entry needs a lookup.
+// Keys of a configuration: the order they compare in, a key that is looked for, and entries sorted by key.
 #pragma once
 
 #include <vela/config/cfg.h>
@@ -8,73 +8,60 @@
 namespace vela
 {
 
-/// Case-insensitive order in which a run of digits counts by its value (modulo 2^32) and comes after every other
-/// character. Null comes first.
+/// The order of keys: ASCII letters without their case, a run of digits as its number (modulo 2^32), every number
+/// behind every other character. Null comes first.
 int natural_compare(const char *a, const char *b);
 
-/// What a caller's format and arguments spell: on the stack, or on the heap where it is long.
-class formatted_key
-{
-public:
-    formatted_key(const char *format, va_list args) VELA_PRINTF(2, 0);
-    formatted_key(const formatted_key &) = delete;
-    formatted_key &operator=(const formatted_key &) = delete;
-
-    [[nodiscard]] bool ok() const { return text_ != nullptr; } ///< false when memory ran out
-    [[nodiscard]] const char *c_str() const { return text_; }
-    [[nodiscard]] std::string_view view() const { return vela::view(text_); }
-
-private:
-    char room_[256];
-    c_string heap_;
-    const char *text_;
-};
-
-/// Keys that start on a word are compared word by word. The parser sees to it that all of its keys do, and that memory
-/// goes on to the end of the word that holds the NUL. Other keys have their last word read whole, too: an aligned word
-/// never reaches into another page.
-using word = uintptr_t;
-
-/// A key that many others are compared with.
+/// A key, or the start of one, as a caller's format and arguments spell it.
 class wanted_key
 {
 public:
-    explicit wanted_key(const formatted_key &key);
+    /// Logs "OOM" for `function` when there is no memory for a long key.
+    wanted_key(const char *function, const char *format, va_list args) VELA_PRINTF(3, 0);
+    wanted_key(const wanted_key &) = delete;
+    wanted_key &operator=(const wanted_key &) = delete;
 
-    /// Whether a key equals it in the natural order.
-    [[nodiscard]] bool equals(const char *key) const;
-    /// The first entry with this key, or null.
-    [[nodiscard]] const cfg_entry *find_in(const cfg_entry *cfg) const;
+    [[nodiscard]] bool ok() const { return text_ != nullptr; } ///< false when memory ran out
+    [[nodiscard]] const char *c_str() const { return text_; }
+    [[nodiscard]] size_t size() const { return length_; }
+
+    /// Whether a key equals this one in the natural order.
+    [[nodiscard]] bool equals(const char *key) const
+    {
+        return key && (long_number_ ? natural_compare(key, text_) : strcasecmp(key, text_)) == 0;
+    }
+    /// Whether a key begins with this one, byte by byte.
+    [[nodiscard]] bool begins(const char *key) const { return key && strncmp(key, text_, length_) == 0; }
 
 private:
-    static constexpr size_t words_max = 16;
-
-    [[nodiscard]] bool equals_by_words(const char *key) const;
-
-    const char *text_;
-    bool by_words_;
-    size_t last_;           ///< index of the word with the NUL
-    word last_mask_;        ///< its bytes up to the NUL
-    word first_mask_;       ///< what must not differ in the first word, whatever the case of letters
-    word words_[words_max]; ///< in lower case
+    char room_[256];
+    c_string heap_; ///< instead of the room, for longer keys
+    const char *text_ = room_;
+    size_t length_ = 0;
+    bool long_number_ = false;
 };
 
-/// The first entry of each key, in a hash table of fixed size. Ends the process when memory runs out.
-class key_index
+/// The entries of a list in the order of their keys; entries with equal keys in the order of the list. Ends the process
+/// when memory runs out.
+class sorted_entries
 {
 public:
-    explicit key_index(size_t entries_max);
+    struct place {
+        cfg_entry *entry;
+        size_t number; ///< its place in the list, from 0
+    };
 
-    /// The entry that has this one's key already; else this one, which is kept.
-    const cfg_entry *add(const cfg_entry *entry);
-    /// The first entry with a key, or null.
-    [[nodiscard]] const cfg_entry *find(const char *key) const { return *slot(key); }
+    /// The entries are const only for who gives a const list.
+    explicit sorted_entries(const cfg_entry *list);
+
+    /// The list's first entry with a key, or null.
+    [[nodiscard]] const cfg_entry *find(const char *key) const;
+    [[nodiscard]] const place *begin() const { return places_.get(); }
+    [[nodiscard]] const place *end() const { return places_.get() + count_; }
 
 private:
-    [[nodiscard]] const cfg_entry **slot(const char *key) const;
-
-    size_t mask_;
-    heap<const cfg_entry *> table_;
+    size_t count_;
+    heap<place> places_;
 };
 
 } // namespace vela
