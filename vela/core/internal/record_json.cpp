@@ -44,6 +44,7 @@ bool is_known(uint64_t number, const json_row &row)
 json_ref shown_number(uint64_t number, const json_row &row)
 {
     switch (row.how) {
+    case shown::bit: return json_ref{json_boolean((number & row.bits) != 0)};
     case shown::truth: return json_ref{json_boolean(number != 0)};
     case shown::word: return json_ref{json_string(row.word(static_cast<uint32_t>(number)))};
     default: break;
@@ -120,6 +121,15 @@ json_ref text_json(std::string_view text)
     copy_text(copy, text);
     utf8_sanitize(copy);
     return json_ref{json_string(copy)};
+}
+
+bool mark_partial(json_t *result)
+{
+    if (json_is_object(result)) return json_object_set_new(result, "partial", json_true()) == 0;
+    for (size_t i = 0; i < json_array_size(result); ++i) {
+        if (!mark_partial(json_array_get(result, i))) return false;
+    }
+    return true;
 }
 
 json_ref number_json(uint64_t number)

@@ -15,10 +15,20 @@ class interface_query
 public:
     /// The name of an interface; false when there is none of that index.
     bool name(uint32_t index, char (&name)[IF_NAMESIZE]) const;
+    /// The index of an interface; 0 when there is none of that name, or the name cannot be one.
+    [[nodiscard]] uint32_t index(const char *ifname) const;
     /// As get_ethtool_link_status().
     [[nodiscard]] int link(const char *ifname) const;
 
+    /// All bits set where the driver does not know.
+    struct mode {
+        uint32_t speed_mbps = UINT32_MAX;
+        uint32_t duplex = UINT32_MAX; // 0 half, 1 full
+    };
+    mode link_mode(const char *ifname);
+
 private:
+    int8_t mode_words_ = 0; // how long the kernel's link-mode masks are, once it was asked
     unique_fd fd_{socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)}; // where it fails, so does every question
 };
 
