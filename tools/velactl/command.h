@@ -100,6 +100,7 @@ extern const std::span<const command> device_commands;
 extern const std::span<const command> config_commands;
 extern const std::span<const command> service_commands;
 extern const std::span<const command> network_commands;
+extern const std::span<const command> link_commands;
 extern const std::span<const command> wireless_commands;
 
 /// Options that stand with any command.

@@ -18,6 +18,7 @@ constexpr group all_groups[] = {
     {"Its configuration", config_commands},
     {"Daemons and services", service_commands},
     {"The network", network_commands},
+    {"Interfaces and their neighbours", link_commands},
     {"Radios and the mesh", wireless_commands},
 };
 const std::span<const group> groups{all_groups};
