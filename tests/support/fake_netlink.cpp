@@ -1,10 +1,13 @@
 #include "tests/support/fake_netlink.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <dlfcn.h>
 #include <linux/netlink.h>
 #include <memory>
 #include <netlink/socket.h>
+#include <sys/socket.h>
 #include <vela/platform/wifi/wifi_nl80211.h>
 
 namespace
@@ -53,11 +56,11 @@ fake_netlink::~fake_netlink()
     current = nullptr;
 }
 
-void fake_netlink::reply(uint8_t command, const std::function<void(nl_msg *)> &attributes, int flags)
+void fake_netlink::reply(uint8_t command, const attributes &put, int flags)
 {
     nl_msg *message = nlmsg_alloc_size(1 << 16);
     genlmsg_put(message, 0, 0, family(), 0, flags, command, 1);
-    attributes(message);
+    put(message);
     raw(bytes_of(message));
 }
 
@@ -105,4 +108,56 @@ int fake_netlink::receive_next(nl_sock *, sockaddr_nl *from, unsigned char **dat
     *data = static_cast<unsigned char *>(malloc(next.datagram.size())); // a block of exactly that size
     memcpy(*data, next.datagram.data(), next.datagram.size());
     return next.result;
+}
+
+bool fake_netlink::answers(int fd)
+{
+    int domain = 0, protocol = 0;
+    socklen_t length = sizeof domain;
+    if (!current || getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &length) != 0 || domain != AF_NETLINK) return false;
+    return getsockopt(fd, SOL_SOCKET, SO_PROTOCOL, &protocol, &length) == 0 && protocol == NETLINK_GENERIC;
+}
+
+ssize_t fake_netlink::take_request(const void *request, size_t size)
+{
+    const auto *first = static_cast<const uint8_t *>(request);
+    sent.emplace_back(first, first + size);
+    memcpy(&asked_, first, sizeof asked_);
+    return static_cast<ssize_t>(size);
+}
+
+ssize_t fake_netlink::give_answer(msghdr *into)
+{
+    if (receives_.empty()) return errno = EAGAIN, -1;
+    const receive next = std::move(receives_.front());
+    receives_.pop_front();
+    auto *block = static_cast<uint8_t *>(into->msg_iov->iov_base);
+    const size_t size = std::min(next.datagram.size(), into->msg_iov->iov_len);
+    memcpy(block, next.datagram.data(), size);
+    for (size_t at = 0; size - at >= sizeof(nlmsghdr);) {
+        nlmsghdr header;
+        memcpy(&header, block + at, sizeof header);
+        header.nlmsg_seq = asked_.nlmsg_seq;
+        header.nlmsg_pid = asked_.nlmsg_pid;
+        memcpy(block + at, &header, sizeof header);
+        if (header.nlmsg_len < sizeof header || NLMSG_ALIGN(header.nlmsg_len) > size - at) break;
+        at += NLMSG_ALIGN(header.nlmsg_len);
+    }
+    static_cast<sockaddr_nl *>(into->msg_name)->nl_pid = 0;
+    into->msg_flags = size < next.datagram.size() ? MSG_TRUNC : 0;
+    return static_cast<ssize_t>(size);
+}
+
+extern "C" {
+
+ssize_t sendto(int fd, const void *data, size_t size, int flags, const sockaddr *to, socklen_t length)
+{
+    static auto *const next = reinterpret_cast<decltype(&sendto)>(dlsym(RTLD_NEXT, "sendto"));
+    return fake_netlink::answers(fd) ? current->take_request(data, size) : next(fd, data, size, flags, to, length);
+}
+ssize_t recvmsg(int fd, msghdr *into, int flags)
+{
+    static auto *const next = reinterpret_cast<decltype(&recvmsg)>(dlsym(RTLD_NEXT, "recvmsg"));
+    return fake_netlink::answers(fd) ? current->give_answer(into) : next(fd, into, flags);
+}
 }

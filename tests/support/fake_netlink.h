@@ -1,4 +1,5 @@
-// A kernel that answers netlink requests as a test tells it, put in place of a libnl socket's sending and receiving.
+// A kernel that answers netlink requests as a test tells it: put in place of a libnl socket's sending and receiving,
+// and of the system's for any generic-netlink socket that the library opens itself.
 #pragma once
 
 #include <cstdint>
@@ -17,6 +18,7 @@ class fake_netlink
 {
 public:
     using bytes = std::vector<uint8_t>;
+    using attributes = std::function<void(nl_msg *)>; ///< puts them
 
     fake_netlink();
     fake_netlink(const fake_netlink &) = delete;
@@ -27,7 +29,7 @@ public:
     [[nodiscard]] nl_sock *socket() const { return socket_; }     ///< borrowed; made with these callbacks
 
     // What the next receives give, in order; after them, "nothing there".
-    void reply(uint8_t command, const std::function<void(nl_msg *)> &attributes, int flags = 0);
+    void reply(uint8_t command, const attributes &put, int flags = 0);
     void acknowledge() { refuse(0); }
     void refuse(int error, const char *reason = nullptr);
     void end_dump(int error = 0, int flags = 0);
@@ -45,6 +47,11 @@ public:
 
     static int family() { return 29; }
 
+    // For the system calls of this test program: true when the socket is one that this kernel answers.
+    static bool answers(int fd);
+    ssize_t take_request(const void *request, size_t size);
+    ssize_t give_answer(msghdr *into);
+
 private:
     struct receive {
         int result;
@@ -56,4 +63,13 @@ private:
     nl_cb *callbacks_;
     nl_sock *socket_;
     std::deque<receive> receives_;
+    nlmsghdr asked_ = {}; // the last request that came by a system call: its answers bear its number and port
 };
+
+/// An attribute that holds others.
+inline void nest(nl_msg *message, int type, const fake_netlink::attributes &put_inside)
+{
+    nlattr *start = nla_nest_start(message, type);
+    put_inside(message);
+    nla_nest_end(message, start);
+}

@@ -11,6 +11,7 @@
 #include <sys/socket.h>
 #include <vela/core/internal/log.h>
 #include <vela/core/internal/netlink.h>
+#include <vela/wireless/internal/channel_width.h>
 #include <vela/wireless/internal/nl80211_events.h>
 
 #ifndef SOL_NETLINK
@@ -34,22 +35,11 @@ constexpr uint32_t power_setting = 2; // on purpose: drivers are told a fixed le
 constexpr uint32_t absent = UINT32_MAX;
 constexpr size_t mac_size = 6;
 
-constexpr struct {
-    uint32_t width;
-    uint32_t mhz;
-} channel_widths[] = {
-    {NL80211_CHAN_WIDTH_20_NOHT, 20}, {NL80211_CHAN_WIDTH_20, 20},   {NL80211_CHAN_WIDTH_40, 40},
-    {NL80211_CHAN_WIDTH_80, 80},      {NL80211_CHAN_WIDTH_160, 160}, {NL80211_CHAN_WIDTH_320, 320},
-    {NL80211_CHAN_WIDTH_80P80, 160}, // two halves, 160 in all
-};
-
 /// 0 for the narrow widths and for what the kernel may invent.
 constexpr uint32_t width_mhz(uint32_t width)
 {
-    for (const auto &known : channel_widths) {
-        if (known.width == width) return known.mhz;
-    }
-    return 0;
+    const uint32_t mhz = vela::channel_width_mhz(width);
+    return mhz < 20 ? 0 : mhz;
 }
 static_assert(width_mhz(NL80211_CHAN_WIDTH_5) == 0 && width_mhz(13) == 320 && width_mhz(14) == 0);
 

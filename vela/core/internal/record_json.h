@@ -49,7 +49,8 @@ struct member_type {
     {
         using element = std::remove_all_extents_t<T>;
         static_assert(std::is_integral_v<element>);
-        return {sizeof(element), std::is_signed_v<element>, sizeof(T) / sizeof(element)};
+        constexpr size_t each = sizeof(element);
+        return {each, std::is_signed_v<element>, sizeof(T) / each};
     }
 };
 
@@ -76,6 +77,31 @@ template <class Record> json_ref record_json(std::span<const json_row> rows, con
     json_ref object{json_object()};
     if (!object || !put_record(object.get(), rows, &record, family)) return {};
     return object;
+}
+
+/// A new array of them; null when memory is short.
+template <class Record> json_ref records_json(std::span<const json_row> rows, std::span<const Record> records)
+{
+    json_ref array{json_array()};
+    for (const Record &record : records) {
+        if (json_array_append_new(array.get(), record_json(rows, record).release()) != 0) return {};
+    }
+    return array;
+}
+
+/// A bit and what it is called.
+struct bit_name {
+    uint32_t bit;
+    const char *name;
+};
+
+/// An array of the names of those bits that are set; null when memory is short.
+json_ref bits_json(std::span<const bit_name> names, uint32_t bits);
+
+/// Sets one more member of an object. False when memory is short, be it for the value.
+inline bool put_json(json_t *object, const char *key, json_ref value)
+{
+    return json_object_set_new(object, key, value.release()) == 0;
 }
 
 /// Bytes that may be anything as a text: made UTF-8, cut to 511 bytes. Null when memory is short.
