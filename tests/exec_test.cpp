@@ -7,7 +7,9 @@
 #include <csignal>
 #include <gmock/gmock.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
+#include <vela/core/internal/memory.h>
 #include <vela/core/log.h>
 #include <vela/exec/exec.h>
 
@@ -17,6 +19,8 @@ namespace
 {
 
 constexpr const char *wrapper = "/usr/bin/syswrapper.sh";
+using record = std::unique_ptr<exec_record, vela::releaser<exec_destroy>>;
+
 log_line line(const char *level, const char *function, const std::string &text)
 {
     return {level, "libvela_exec", function, text};
@@ -24,27 +28,31 @@ log_line line(const char *level, const char *function, const std::string &text)
 
 } // namespace
 
-TEST(Exec, RecordsHoldCopyAndCompareCommands)
+TEST(Exec, RecordsHoldAndCopyCommands)
 {
-    EXPECT_TRUE(!exec_create(nullptr, NULL) && !exec_create("", "x", NULL) && !exec_copy(nullptr));
-    exec_destroy(nullptr);
+    for (const char *none : {"", static_cast<const char *>(nullptr)}) EXPECT_EQ(nullptr, exec_create(none, "x", NULL));
+    EXPECT_EQ(nullptr, exec_copy(nullptr));
+    const std::string text(5000, 'p');
+    record source{exec_create(text.c_str(), "a", text.c_str(), NULL)};
+    faults::for_each_allocation([&] { record{exec_copy(source.get())}; });
+    const record copy{exec_copy(source.get())};
+    EXPECT_EQ(nullptr, source->argv[3]);
+    source.reset();
+    EXPECT_EQ(3, copy->argc);
+    EXPECT_EQ(copy->path, copy->argv[0]) << "a copy stands by itself";
+    EXPECT_EQ(text.substr(0, 4095), copy->path);
+    EXPECT_STREQ("a", copy->argv[1]);
+    EXPECT_EQ(text.substr(0, 4096), copy->argv[2]);
+}
 
-    const std::string long_text(5000, 'p');
-    exec_record *source = exec_create(long_text.c_str(), "a", long_text.c_str(), NULL);
-    EXPECT_TRUE(source->path == source->argv[0] && source->path == long_text.substr(0, 4095));
-    EXPECT_TRUE(source->argv[2] == long_text.substr(0, 4096) && !source->argv[3]);
-    exec_record *copy = exec_copy(source);
-    faults::for_each_allocation([&] { exec_destroy(exec_copy(source)); });
-    exec_destroy(source);
-    EXPECT_TRUE(copy->path == copy->argv[0] && copy->argv[1] == std::string("a")) << "a copy stands by itself";
-    exec_destroy(copy);
-
-    exec_record *a = exec_create("/bin/x", "1", "2", "3", NULL), *same = exec_create("/bin/x", "1", "2", "3", NULL);
-    exec_record *shorter = exec_create("/bin/y", "1", "2", NULL), *other = exec_create("/bin/y", "0", "2", "3", NULL);
-    exec_record *second = exec_create("/bin/x", "1", "0", "0", NULL);
-    EXPECT_TRUE(exec_cmp(a, same) == 0 && exec_cmp(a, second) == 2 && exec_cmp(a, nullptr) == -1);
-    EXPECT_TRUE(exec_cmp(a, shorter) == -2 && exec_cmp(a, other) == -3) << "argc first, then the path";
-    for (exec_record *record : {a, same, shorter, other, second}) exec_destroy(record);
+TEST(Exec, ComparesTheNumberOfArgumentsThenTheProgramThenEach)
+{
+    const record a{exec_create("/bin/x", "1", "2", NULL)};
+    EXPECT_EQ(0, exec_cmp(a.get(), record{exec_copy(a.get())}.get()));
+    EXPECT_EQ(-1, exec_cmp(a.get(), nullptr));
+    EXPECT_EQ(-2, exec_cmp(a.get(), record{exec_create("/bin/y", "1", NULL)}.get()));
+    EXPECT_EQ(-3, exec_cmp(a.get(), record{exec_create("/bin/y", "0", "2", NULL)}.get()));
+    EXPECT_EQ(2, exec_cmp(a.get(), record{exec_create("/bin/x", "1", "0", NULL)}.get()));
 }
 
 TEST(Exec, ForkexecWaitsAndReportsSignals)
@@ -101,6 +109,22 @@ readlink -f /proc/$$/fd/0 /proc/$$/fd/2 | grep -c /null >>/tmp/part; mv /tmp/par
     for (int tries = 0; tries < 500 && !site::exists("/tmp/call"); ++tries) usleep(10'000);
     EXPECT_EQ("[" + caller + "][x]2\n", site::read_file("/tmp/call"));
     EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "no child is left to reap";
+}
+
+// A child that waited for the environment's lock, held by a thread that is not in the child, would wait for ever.
+TEST(Exec, WrapperRunsWhileAnotherThreadSetsVariables)
+{
+    site::put_program(wrapper, "test $SYSWRAPPER_PPID = $PPID || touch /tmp/wrong");
+    setenv("SYSWRAPPER_PPID", "1", 1);
+    setenv("BUSY", "", 1);
+    std::atomic<bool> done = false;
+    std::thread setter{[&] {
+        while (!done) setenv("BUSY", "", 1);
+    }};
+    for (int i = 0; i < 100; ++i) syswrapper_impl(1, "x", NULL);
+    done = true;
+    setter.join();
+    EXPECT_FALSE(site::exists("/tmp/wrong"));
 }
 
 TEST(Exec, OutputIsCutToItsBuffer)

@@ -1,11 +1,11 @@
-// Programs are started with fork and exec, shell commands with popen. Between fork and exec a child calls nothing that
-// could run on in the parent's name: it leaves with _exit, so that the parent's unwritten output is not written twice.
+// Runs other programs: with fork and exec, shell commands with popen. What a child needs is made before the fork, as
+// another thread may hold a lock of libc at that moment, which nobody gives back in the child. A child leaves with
+// _exit, so that the parent's unwritten output is not written twice.
 
 #include <cerrno>
 #include <cstdarg>
 #include <fcntl.h>
 #include <sys/wait.h>
-#include <vela/core/internal/buffer.h>
 #include <vela/core/internal/log.h>
 #include <vela/core/internal/own.h>
 #include <vela/core/internal/stream.h>
@@ -19,11 +19,11 @@ constexpr const char *log_module = "libvela_exec";
 constexpr const char *capture_log_module = "crash"; // whose reports are made of captured output
 
 constexpr const char *wrapper_path = "/usr/bin/syswrapper.sh";
-constexpr const char *parent_variable = "SYSWRAPPER_PPID"; // tells the script who asked
+constexpr std::string_view parent_variable = "SYSWRAPPER_PPID="; // tells the script who asked
 constexpr const char *null_device = "/dev/null";
 
 constexpr size_t argument_max = 4096;             // characters
-constexpr size_t wrapper_slots = 51;              // script, command, 48 arguments, null pointer and one to spare
+constexpr size_t wrapper_slots = 51;              // script, command, 48 arguments, null pointer
 constexpr size_t last_argument = 49;              // slot of the last argument that is passed
 constexpr uint32_t output_step = 1024;            // bytes read at a time
 constexpr uint32_t json_output_max = 1024 * 1024; // bytes of a JSON member
@@ -37,6 +37,8 @@ struct wrapper_call {
     const char *argv[wrapper_slots];
     size_t last; // filled slot
     pid_t caller;
+    vela::heap<const char *> environment = {}; // of the script
+    vela::c_string line = {};                  // the joined argv, where the call is traced
 };
 
 record_ptr make_record(std::string_view path, size_t slots)
@@ -81,23 +83,34 @@ const char *locate_syswrapper()
     return *found_wrapper ? found_wrapper : nullptr;
 }
 
-[[noreturn]] void out_of_memory_in_child(int line)
+/// This process's environment with one variable set, which is borrowed as the others are. Null without memory.
+vela::heap<const char *> environment_with(const char *variable, size_t name_length)
 {
-    (void)dprintf(STDERR_FILENO, "exec:%d: Out of memory\n", line);
-    _exit(1);
+    char *const *const current = environ; // null after clearenv()
+    size_t count = 0;
+    while (current && current[count]) ++count;
+    vela::heap<const char *> changed{static_cast<const char **>(calloc(count + 2, sizeof(char *)))};
+    if (!changed) return {};
+    const char **end = std::copy_if(current, current + count, changed.get(),
+                                    [=](const char *old) { return strncmp(old, variable, name_length) != 0; });
+    *end = variable;
+    return changed;
 }
 
-void log_call(const wrapper_call &call)
+/// The filled slots of a call with blanks between them, or null without memory.
+vela::c_string joined(const wrapper_call &call)
 {
-    const vela::buffer_ptr line{buffer_create()};
-    if (!line) out_of_memory_in_child(__LINE__);
+    size_t size = 0;
+    for (size_t i = 0; i <= call.last; ++i) size += strlen(call.argv[i]) + 1;
+    vela::c_string line{static_cast<char *>(malloc(size))};
+    if (!line) return {};
+    char *end = line.get();
     for (size_t i = 0; i <= call.last; ++i) {
-        const char *separator = i == call.last ? "" : " ";
-        const size_t appended = line->printf(line.get(), "%s%s", call.argv[i], separator);
-        if (appended != strlen(call.argv[i]) + strlen(separator)) out_of_memory_in_child(__LINE__);
+        end = stpcpy(end, call.argv[i]);
+        *end++ = ' ';
     }
-    log_trace_as("syswrapper_impl", "Executing syswrapper command (pid: %u, parent: %d, command: %s)",
-                 static_cast<unsigned>(getpid()), call.caller, reinterpret_cast<char *>(line->data(line.get())));
+    end[-1] = '\0';
+    return line;
 }
 
 // By descriptor, not by stream: reopening a stream would first write what the parent left in it.
@@ -111,14 +124,15 @@ void redirect_to_null(int flags, std::initializer_list<int> streams)
 
 [[noreturn]] void run_wrapper(const wrapper_call &call)
 {
-    if (libvela_log_enabled(LIBVELA_LOG_DEBUG)) log_call(call);
+    // The one call between fork and exec that may wait for a lock: exec.h says when.
+    if (call.line)
+        log_trace_as("syswrapper_impl", "Executing syswrapper command (pid: %u, parent: %d, command: %s)",
+                     static_cast<unsigned>(getpid()), call.caller, call.line.get());
     if (libvela_log_use_syslog) {
         redirect_to_null(O_RDONLY, {STDIN_FILENO});
         redirect_to_null(O_WRONLY, {STDOUT_FILENO, STDERR_FILENO});
     }
-    const vela::formatted<16> caller("%d", call.caller);
-    if (setenv(parent_variable, caller.c_str(), 1) != 0) out_of_memory_in_child(__LINE__);
-    execv(call.argv[0], const_cast<char **>(call.argv));
+    execve(call.argv[0], const_cast<char **>(call.argv), const_cast<char **>(call.environment.get()));
     _exit(0);
 }
 
@@ -256,6 +270,15 @@ void syswrapper_impl(int wait, const char *command, ...)
         if (*argument) call.argv[++call.last] = argument;
     }
     va_end(arguments);
+
+    const vela::formatted<32> caller("%s%d", parent_variable.data(), call.caller);
+    call.environment = environment_with(caller.c_str(), parent_variable.size());
+    const bool traced = libvela_log_enabled(LIBVELA_LOG_TRACE);
+    if (traced) call.line = joined(call);
+    if (!call.environment || (traced && !call.line)) {
+        (void)fprintf(stderr, "exec:%d: Out of memory\n", __LINE__); // the call is lost, not the process
+        return;
+    }
 
     const pid_t child = fork();
     if (child < 0) {

@@ -3,9 +3,18 @@
  * Running other programs: command records to keep and compare, a synchronous fork and exec, the system's wrapper
  * script, and a shell command's output in a buffer, a text or a JSON member.
  *
+ * How long a call may block: without a limit. forkexec() and a syswrapper_impl() that waits return when a child has
+ * ended; one that does not wait returns when its first child has forked again, within milliseconds. The readers of a
+ * shell command's output return when the command has ended: give one that may hang a limit of its own ("timeout 5
+ * ...").
+ *
  * forkexec() and syswrapper_impl() reap with wait(2), which takes any child that has ended: a program with children of
  * its own may find one of them gone. A program that cannot be executed is not reported; its child ends with status 0.
- * Nothing is locked.
+ *
+ * Threads: nothing is locked. The environment is read as getenv(3) reads it. Between fork and exec a child makes system
+ * calls only, but that the child of syswrapper_impl() logs: one line at level 5, or that it could not fork. With the
+ * system log of glibc that line waits for ever, and so does a waiting caller, if another thread was within syslog(3) at
+ * the fork. So a program whose threads log does not trace to the system log.
  */
 #ifndef VELA_EXEC_EXEC_H
 #define VELA_EXEC_EXEC_H
