@@ -52,10 +52,13 @@ void BM_parse_peer_walk(benchmark::State &state)
     blob_buf b{};
     build(b);
     for (auto _ : state) {
-        const blob_attr *attr;
-        size_t left;
+        size_t left = blob_len(b.head);
         size_t sum = 0;
-        blob_for_each_attr(attr, b.head, left) sum += blob_len(attr);
+        for (const auto *attr = static_cast<const blob_attr *>(blob_data(b.head)); blob_fits(attr, left);) {
+            sum += blob_len(attr);
+            left -= blob_pad_len(attr);
+            attr = blob_next(attr);
+        }
         benchmark::DoNotOptimize(sum);
     }
     blob_buf_free(&b);

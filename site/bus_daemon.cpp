@@ -10,6 +10,7 @@
 #include <list>
 #include <poll.h>
 #include <random>
+#include <set>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -31,6 +32,7 @@ namespace
 
 constexpr size_t header_size = 12;
 constexpr size_t body_max = 1 << 20;
+constexpr size_t answers_awaited = 200;
 constexpr size_t queue_max = 1 << 20; // bytes kept for a client that does not read; what does not fit is dropped
 
 uint32_t be32(std::string_view bytes)
@@ -245,14 +247,14 @@ namespace
 {
 
 struct object {
-    uint32_t id;
+    const bus_daemon::offered *offered;
+    uint32_t id; // 0: not there
     uint32_t type;
-    const std::map<std::string, bus_method> *methods;
 
     [[nodiscard]] std::string signature() const
     {
         std::string tables;
-        for (const auto &[name, run] : *methods) tables += bus::value(bus::table, name, {});
+        for (const auto &[name, run] : offered->methods) tables += bus::value(bus::table, name, {});
         return tables;
     }
 };
@@ -262,18 +264,31 @@ struct client {
     std::string in;
     std::string out;
     std::optional<uint16_t> last_seq;
+    std::map<uint32_t, std::set<std::string>> listeners = {}; // its objects by id, and their patterns
+    std::multimap<uint32_t, uint32_t> targets = {};           // its objects, and what they are subscribed to
+    std::set<uint16_t> owed = {};                             // calls to its objects that it has not answered
     bool gone = false;
 };
+
+/// Whether an event's name fits a pattern: the same, or its beginning before a "*".
+bool fits(std::string_view name, std::string_view pattern)
+{
+    if (!pattern.ends_with('*')) return name == pattern;
+    pattern.remove_suffix(1);
+    return name.starts_with(pattern);
+}
 
 /// One life of the daemon.
 class life
 {
 public:
-    life(const std::map<std::string, std::map<std::string, bus_method>> &objects,
-         std::function<void(std::string)> complain, std::atomic<unsigned> &connections, std::atomic<unsigned> &requests)
+    life(const std::map<std::string, bus_daemon::offered> &objects, std::function<void(std::string)> complain,
+         std::atomic<unsigned> &connections, std::atomic<unsigned> &requests)
         : complain_{std::move(complain)}, connections_{connections}, requests_{requests}
     {
-        for (const auto &[path, methods] : objects) objects_[path] = {fresh_id(), fresh_id(), &methods};
+        for (const auto &[path, offered] : objects) {
+            objects_[path] = {&offered, offered.hidden ? 0 : fresh_id(), fresh_id()};
+        }
     }
 
     [[noreturn]] void run(int listener)
@@ -364,8 +379,10 @@ private:
         request r{
             static_cast<uint8_t>(frame[1]), static_cast<uint16_t>(be32(frame) & 0xffff), be32(frame.substr(4)), {}, {}};
         if (frame[0] != 0 || frame[8] != 0 || frame.size() % 4 != 0) complain_("an odd header: " + hex(frame));
-        if (c.last_seq && r.seq != static_cast<uint16_t>(*c.last_seq + 1)) complain_("a sequence gap: " + hex(frame));
-        c.last_seq = r.seq;
+        if (r.type != bus::status) { // which has the number of what it answers
+            if (c.last_seq && r.seq != static_cast<uint16_t>(*c.last_seq + 1)) complain_("a gap: " + hex(frame));
+            c.last_seq = r.seq;
+        }
         for (auto rest = frame.substr(header_size); !rest.empty();) {
             const auto taken = take_attribute(rest);
             if (!taken) {
@@ -396,11 +413,34 @@ private:
             if (r.peer != 0 || r.order != (named ? "2" : "")) complain_("an odd lookup: " + hex(frame));
             return answer_status(look_up(c, r.seq, named ? r[bus::a_objpath].data() : "*"));
         }
+        case bus::add_object: {
+            if (r.peer != 0 || !r.order.empty()) complain_("an odd object: " + hex(frame));
+            const uint32_t id = fresh_id();
+            c.listeners[id] = {};
+            send_to(c, bus::frame(bus::data, r.seq, 0, bus::attr(bus::a_objid, id)));
+            return answer_status(0);
+        }
+        case bus::remove_object:
+            if (r.order != "3" || c.listeners.erase(be32(r[bus::a_objid])) == 0) return answer_status(4);
+            c.targets.erase(be32(r[bus::a_objid]));
+            send_to(c, bus::frame(bus::data, r.seq, 0, bus::attr(bus::a_objid, r[bus::a_objid])));
+            return answer_status(0);
+        case bus::subscribe:
+            if (r.order != "38" || !c.listeners.contains(be32(r[bus::a_objid]))) return answer_status(2);
+            if (!path_of(be32(r[bus::a_target]))) return answer_status(4);
+            c.targets.emplace(be32(r[bus::a_objid]), be32(r[bus::a_target]));
+            return answer_status(0);
+        case bus::status:
+            if (r.order != "13" || c.owed.erase(r.seq) == 0) complain_("an odd answer: " + hex(frame));
+            return;
         case bus::invoke:
             if (r.order != "347" || r[bus::a_objid].size() != 4 || be32(r[bus::a_objid]) != r.peer ||
                 !is_text(r[bus::a_method]) || !are_values(r[bus::a_data], true)) {
                 complain_("an odd call: " + hex(frame));
                 return answer_status(2);
+            }
+            if (r.peer == events_id) {
+                return answer_status(events_call(c, r[bus::a_method].data(), r[bus::a_data]));
             }
             if (const auto code = call(c, r.seq, r.peer, r[bus::a_method].data(), r[bus::a_data])) answer_status(*code);
             return;
@@ -414,7 +454,7 @@ private:
         uint32_t status = 4;
         for (const auto &[path, o] : objects_) {
             const bool prefix = wanted.back() == '*' && path.starts_with(wanted.substr(0, wanted.size() - 1));
-            if (!prefix && path != wanted) continue;
+            if (o.id == 0 || (!prefix && path != wanted)) continue;
             send_to(c, bus::frame(bus::data, seq, 0,
                                   bus::text(bus::a_objpath, path) + bus::attr(bus::a_objid, o.id) +
                                       bus::attr(bus::a_objtype, o.type) + bus::attr(bus::a_signature, o.signature())));
@@ -425,22 +465,104 @@ private:
 
     std::optional<uint32_t> call(client &c, uint16_t seq, uint32_t id, const char *method, std::string_view values)
     {
-        for (const auto &[path, o] : objects_) {
-            if (o.id != id) continue;
-            const auto found = o.methods->find(method);
-            if (found == o.methods->end()) return 3;
-            const bus_reply reply = found->second(values);
-            for (const auto &part : reply.parts) {
-                send_to(c, bus::frame(bus::data, seq, id, bus::attr(bus::a_objid, id) + bus::attr(bus::a_data, part)));
-            }
-            return reply.status;
+        const auto *const path = path_of(id);
+        if (!path) return 4;
+        const auto &methods = objects_[*path].offered->methods;
+        const auto found = methods.find(method);
+        if (found == methods.end()) return 3;
+        const bus_reply reply = found->second(values);
+        for (const auto &action : reply.before) perform(action);
+        for (const auto &part : reply.parts) {
+            send_to(c, bus::frame(bus::data, seq, id, bus::attr(bus::a_objid, id) + bus::attr(bus::a_data, part)));
         }
-        return 4;
+        return reply.status;
     }
 
+    const std::string *path_of(uint32_t id)
+    {
+        for (const auto &[path, o] : objects_) {
+            if (o.id == id && id != 0) return &path;
+        }
+        return nullptr;
+    }
+
+    /// A call to the daemon's own object for events.
+    uint32_t events_call(client &c, std::string_view method, std::string_view values)
+    {
+        const auto id = bus::int32_value("object", 0);
+        const auto head = values.substr(0, id.size() - 4);
+        if (method != "register") return 1;
+        if (head != std::string_view(id).substr(0, head.size()) || values.size() < id.size() + 16) return 2;
+        const uint32_t object = be32(values.substr(head.size()));
+        auto rest = values.substr(id.size());
+        const auto pattern = take_attribute(rest); // a text named "pattern": a header of 12 bytes
+        if (!pattern || !rest.empty() || !is_text(pattern->payload.substr(12))) return 2;
+        const auto owned = c.listeners.find(object);
+        if (owned == c.listeners.end()) return 4;
+        if (std::string_view(pattern->payload.data() + 12) == "forbidden") return 6;
+        owned->second.insert(pattern->payload.data() + 12);
+        return 0;
+    }
+
+    void perform(const bus_action &action)
+    {
+        object &o = objects_[action.object];
+        switch (action.what) {
+        case bus_action::event: return send_event(action.name, action.values);
+        case bus_action::notify: return notify(o, action.name, action.values);
+        case bus_action::add: o.id = fresh_id(); break;
+        case bus_action::remove: remove(o); break;
+        }
+        send_event(action.what == bus_action::add ? "ubus.object.add" : "ubus.object.remove",
+                   bus::int32_value("id", o.id) + bus::value(bus::string, "path", action.object + '\0'));
+        if (action.what == bus_action::remove) o.id = 0;
+    }
+
+    void send_event(const std::string &name, const std::string &values)
+    {
+        for (client &c : clients_) {
+            for (const auto &[id, patterns] : c.listeners) {
+                if (std::none_of(patterns.begin(), patterns.end(), [&](const auto &p) { return fits(name, p); }))
+                    continue;
+                c.owed.insert(++event_seq_);
+                if (c.owed.size() > answers_awaited) complain_("events that are never answered");
+                send_to(c, bus::frame(bus::invoke, event_seq_, 0,
+                                      bus::attr(bus::a_objid, id) + bus::text(bus::a_method, name) +
+                                          bus::attr(bus::a_data, values)));
+            }
+        }
+    }
+
+    void notify(const object &o, const std::string &name, const std::string &values)
+    {
+        for (client &c : clients_) {
+            for (const auto &[id, target] : c.targets) {
+                if (target != o.id) continue;
+                send_to(c, bus::frame(bus::invoke, ++event_seq_, fresh_id(),
+                                      bus::attr(bus::a_no_reply, {"\1", 1}) + bus::attr(bus::a_objid, id) +
+                                          bus::text(bus::a_method, name) + bus::text(bus::a_user, "root") +
+                                          bus::text(bus::a_group, "root") + bus::attr(bus::a_data, values)));
+            }
+        }
+    }
+
+    void remove(const object &o)
+    {
+        for (client &c : clients_) {
+            std::erase_if(c.targets, [&](const auto &subscription) {
+                if (subscription.second != o.id) return false;
+                send_to(c, bus::frame(bus::unsubscribe, ++event_seq_, 0,
+                                      bus::attr(bus::a_objid, subscription.first) + bus::attr(bus::a_target, o.id)));
+                return true;
+            });
+        }
+    }
+
+    static constexpr uint32_t events_id = 1;
     std::mt19937 random_{std::random_device{}()};
     std::map<std::string, object> objects_;
     std::list<client> clients_;
+    uint16_t event_seq_ = 0;
     std::function<void(std::string)> complain_;
     std::atomic<unsigned> &connections_;
     std::atomic<unsigned> &requests_;
@@ -488,9 +610,9 @@ void play(int fd, const std::vector<bus_script::step> &steps, const std::functio
 
 bus_daemon::bus_daemon(std::string path) : bus_process{std::move(path)} {}
 
-void bus_daemon::offer(std::string name, std::map<std::string, bus_method> methods)
+void bus_daemon::offer(std::string name, std::map<std::string, bus_method> methods, bool hidden)
 {
-    objects_[std::move(name)] = std::move(methods);
+    objects_[std::move(name)] = {std::move(methods), hidden};
 }
 
 void bus_daemon::start()

@@ -21,8 +21,20 @@ namespace bus
 
 inline constexpr const char *default_path = "/var/run/ubus/ubus.sock";
 
-enum message : uint8_t { hello, status, data, ping, lookup, invoke };
-enum attribute : uint8_t { a_status = 1, a_objpath, a_objid, a_method, a_objtype, a_signature, a_data };
+enum message : uint8_t { hello, status, data, ping, lookup, invoke, add_object, remove_object, subscribe, unsubscribe };
+enum attribute : uint8_t {
+    a_status = 1,
+    a_objpath,
+    a_objid,
+    a_method,
+    a_objtype,
+    a_signature,
+    a_data,
+    a_target,
+    a_no_reply = 10,
+    a_user = 12,
+    a_group,
+};
 enum type : uint8_t { array = 1, table, string, int64, int32, int16, int8, float64 };
 
 // Attributes with their padding. Run together they are the payload of a frame or of a nested one.
@@ -70,10 +82,20 @@ private:
     pid_t pid_ = -1;
 };
 
-/// What a method gives back: values in any number of parts, then a status; or nothing at all.
+/// What the daemon does for an object: it sends an event to all, or a notification to those subscribed to the object,
+/// or makes the object go away or appear (again).
+struct bus_action {
+    enum { event, notify, remove, add } what;
+    std::string object;
+    std::string name = {};
+    std::string values = {};
+};
+
+/// What a method gives back: actions that come first, then values in any number of parts and a status; or nothing.
 struct bus_reply {
     std::optional<uint32_t> status = 0;
     std::vector<std::string> parts = {};
+    std::vector<bus_action> before = {};
 };
 
 /// Takes the values of a call. Runs in the daemon's process.
@@ -84,8 +106,8 @@ class bus_daemon : public bus_process
 public:
     explicit bus_daemon(std::string path = bus::default_path);
 
-    /// An object with its methods; before start().
-    void offer(std::string name, std::map<std::string, bus_method> methods);
+    /// An object with its methods; before start(). One that is hidden appears by an action.
+    void offer(std::string name, std::map<std::string, bus_method> methods, bool hidden = false);
 
     /// Starts it, or another in its place: with new ids, remembering nothing.
     void start();
@@ -94,8 +116,13 @@ public:
     [[nodiscard]] unsigned connections() const;
     [[nodiscard]] unsigned requests() const;
 
+    struct offered {
+        std::map<std::string, bus_method> methods;
+        bool hidden;
+    };
+
 private:
-    std::map<std::string, std::map<std::string, bus_method>> objects_;
+    std::map<std::string, offered> objects_;
 };
 
 /// A peer that serves one connection after another by the same script, and goes on to the next when the script ends.

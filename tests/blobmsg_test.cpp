@@ -41,17 +41,6 @@ template <size_t N> struct parsed {
     }
 };
 
-/// The only value of a run: read through an entry of no type and no name.
-blob_attr *first_in(blob_attr *run)
-{
-    constexpr blobmsg_policy any[] = {{nullptr, BLOBMSG_TYPE_UNSPEC}, {nullptr, BLOBMSG_TYPE_UNSPEC}};
-    blob_attr *found[2];
-    const auto length = static_cast<unsigned>(blobmsg_data_len(run));
-    EXPECT_EQ(0, blobmsg_parse_array(any, 2, found, blobmsg_data(run), length));
-    EXPECT_EQ(nullptr, found[1]) << "beyond the end";
-    return found[0];
-}
-
 } // namespace
 
 TEST(Blobmsg, BuildsWhatWasCapturedOnABusAndReadsItUpToACut)
@@ -64,29 +53,29 @@ TEST(Blobmsg, BuildsWhatWasCapturedOnABusAndReadsItUpToACut)
     blobmsg_add_string(&m, "s", "hi");
     blobmsg_add_u8(&m, "b", 1);
     void *const array = blobmsg_open_array(&m, "arr");
-    blobmsg_add_u16(&m, nullptr, 7);
-    blobmsg_close_array(&m, array);
+    blobmsg_add_field(&m, BLOBMSG_TYPE_INT16, nullptr, "\0\7", 2);
+    blob_nest_end(&m, array);
     void *const table = blobmsg_open_table(&m, "tbl");
     blobmsg_add_double(&m, "d", 1.5);
-    blobmsg_close_table(&m, table);
+    blob_nest_end(&m, table);
     EXPECT_EQ(reply, m.payload());
 
-    const parsed p(reply_policy, reply);
-    ASSERT_THAT(p.found, testing::Each(testing::NotNull()));
-    EXPECT_EQ(97U, blobmsg_get_u32(p.found[0]));
-    EXPECT_EQ((uint64_t{1} << 32) + 5, blobmsg_cast_u64(p.found[1]));
-    EXPECT_STREQ("hi", blobmsg_get_string(p.found[2]));
-    EXPECT_TRUE(blobmsg_get_bool(p.found[3]));
-    EXPECT_EQ(7U, blobmsg_get_u16(first_in(p.found[4])));
-    EXPECT_EQ(1.5, blobmsg_get_double(first_in(p.found[5])));
-    EXPECT_STREQ("d", blobmsg_name(first_in(p.found[5])));
-
     constexpr size_t ends[] = {24, 52, 64, 76, 100, 128};
-    for (size_t n = 1; n < reply.size(); ++n) {
+    for (size_t n = 1; n <= reply.size(); ++n) {
         const parsed cut(reply_policy, reply.substr(0, n));
         ASSERT_EQ(0, cut.result) << n;
         for (size_t i = 0; i < std::size(ends); ++i) EXPECT_EQ(n >= ends[i], cut.found[i] != nullptr) << i << ' ' << n;
     }
+    const parsed p(reply_policy, reply);
+    EXPECT_EQ(97U, blobmsg_get_u32(p.found[0]));
+    EXPECT_EQ((uint64_t{1} << 32) + 5, blobmsg_get_u64(p.found[1]));
+    EXPECT_STREQ("hi", static_cast<char *>(blobmsg_data(p.found[2])));
+    EXPECT_EQ(1, blobmsg_get_u8(p.found[3]));
+    const auto *const element = static_cast<blob_attr *>(blobmsg_data(p.found[4]));
+    EXPECT_EQ(7, blobmsg_get_u16(element));
+    const auto *const member = static_cast<blob_attr *>(blobmsg_data(p.found[5]));
+    EXPECT_EQ(1.5, blobmsg_get_double(member));
+    EXPECT_STREQ("d", blobmsg_name(member));
 }
 
 TEST(Blobmsg, ParsesByNameAndType)
@@ -96,7 +85,7 @@ TEST(Blobmsg, ParsesByNameAndType)
     constexpr blobmsg_policy policy[] = {{"n", BLOBMSG_TYPE_INT32},
                                          {"n", BLOBMSG_TYPE_STRING},
                                          {"n", BLOBMSG_TYPE_UNSPEC},
-                                         {"number", BLOBMSG_CAST_INT64},
+                                         {"d", BLOBMSG_TYPE_DOUBLE},
                                          {"nn", BLOBMSG_TYPE_INT32}};
     const std::string n = int32_value("n", 7);
     const struct {
@@ -110,7 +99,8 @@ TEST(Blobmsg, ParsesByNameAndType)
         {"the first of a name", n + int32_value("n", 8), "0-0--"},
         {"another type", bus::int64_value("nn", 8), "-----"},
         {"a longer name, a shorter name", int32_value("nn", 1) + n + int32_value("nnn", 1), "1-1-0"},
-        {"any integer", bus::value(bus::int16, "number", "\1\2"), "---0-"},
+        {"a double and more", bus::value(bus::float64, "d", "123456789"), "---0-"},
+        {"a short double", bus::value(bus::float64, "d", "1234567"), "-----", -1},
         {"no name", int32_value("", 1) + bus::text(bus::string, "no header") + n, "2-2--"},
         {"a short integer", n + wrong(bus::int32, 3) + int32_value("nn", 1), "0-0--", -1},
         {"a long integer", wrong(bus::int8, 2), "-----", -1},
@@ -120,7 +110,8 @@ TEST(Blobmsg, ParsesByNameAndType)
         {"a name without its NUL", bus::bytes("85 00 00 0c 00 01 6e 6e 00 00 00 01"), "-----", -1},
         {"no room for a name's length", bus::bytes("85 00 00 05 00 00 00 00"), "-----", -1},
         {"a NUL inside a name", n + bus::value(bus::int32, {"nn\0n", 4}, "1234"), "0-0--"},
-        {"a length below its header", n + bus::bytes("85 00 00 03") + int32_value("nn", 1), "0-0--"},
+        {"a length below its header", n + bus::bytes("85 00 00 01") + int32_value("nn", 1), "0-0--", -1},
+        {"no length", n + bus::bytes("85 00 00 00") + int32_value("nn", 1), "0-0--"},
     };
     for (const auto &c : cases) {
         parsed p(policy, c.payload);
@@ -151,8 +142,8 @@ TEST(Blobmsg, WhatDoesNotFitLeavesTheMessageAsItWas)
     EXPECT_EQ(-1, blobmsg_add_u8(&m, "", 1)) << "12 bytes where 8 are left";
     void *const no_table = blobmsg_open_table(&m, "table");
     EXPECT_EQ(nullptr, no_table);
-    blobmsg_close_table(&m, no_table);
-    blobmsg_close_table(&m, table);
+    blob_nest_end(&m, no_table);
+    blob_nest_end(&m, table);
     EXPECT_TRUE(m.payload() == bus::value(bus::table, "t", bus::value(0, "", big)));
     EXPECT_NE(nullptr, blob_put_u32(&m, 1, 1)) << "8 bytes";
     EXPECT_EQ(nullptr, blob_put(&m, 1, nullptr, 0));

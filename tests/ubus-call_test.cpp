@@ -1,26 +1,14 @@
-#include "site/bus_daemon.h"
-#include "tests/support/leaks.h"
+#include "tests/support/bus.h"
 #include "tests/support/table.h"
 
-#include <chrono>
 #include <csignal>
-#include <event2/event.h>
-#include <gmock/gmock.h>
 #include <random>
-#include <vela/ipc/ubus.h>
 
 namespace bus = site::bus;
 using site::bus_reply;
 
 namespace
 {
-
-constexpr const char *path = "/tmp/bus.sock";
-
-struct drop_reference {
-    void operator()(json_t *value) const { json_decref(value); }
-};
-using json = std::unique_ptr<json_t, drop_reference>;
 
 json parsed(const char *text) { return json{json_loads(text, JSON_DECODE_ANY, nullptr)}; }
 
@@ -74,41 +62,23 @@ std::string nested(size_t levels)
     return R"({"a":)" + std::string(levels - 1, '[') + std::string(levels - 1, ']') + "}";
 }
 
-/// A record on a bus with a provider, and nothing left afterwards.
-class UbusCall : public testing::Test
+class UbusCall : public bus_test
 {
 protected:
-    leak_check leaks;
-    std::optional<site::bus_daemon> daemon{path};
-    event_base *const base = event_base_new();
-    vela_ubus_interface_t *iface = nullptr;
+    iface_ptr iface = nullptr;
 
     void start(const std::map<std::string, site::bus_method> &methods)
     {
         daemon->offer("vt", methods);
         daemon->start();
-        vela_ubus_init();
-        iface = vela_ubus_create(base, path, "vt", 0, nullptr, nullptr);
-        ASSERT_NE(nullptr, iface);
+        ASSERT_NE(nullptr, iface = open());
     }
-    void TearDown() override
-    {
-        vela_ubus_shutdown();
-        event_base_free(base);
-        EXPECT_EQ("", daemon->complaint());
-        daemon.reset();
-        leaks.expect_unchanged();
-    }
-    /// What a call gives, as JSON text; "-" for no answer.
+    /// What a call gives, as JSON text.
     std::string call(const char *method, const char *args, int expected, int timeout_ms = 0) const
     {
         json_t *answer = nullptr;
         EXPECT_EQ(expected, vela_ubus_call(iface, method, parsed(args).get(), &answer, timeout_ms)) << method;
-        const json reply{answer};
-        char *const text = reply ? json_dumps(reply.get(), JSON_COMPACT) : strdup("-");
-        std::string result = text;
-        free(text);
-        return result;
+        return text_of(json{answer}.get());
     }
 };
 
@@ -221,10 +191,7 @@ TEST_F(UbusCall, AnswersAreWhatProvidersMakeOfThem)
     EXPECT_EQ(1U << 20, call("megabyte", "{}", 0).size() + 92);
     EXPECT_THAT(call("deep", "{}", 0), testing::StartsWith(R"({"a":{"a":{"a":)"));
     for (const auto &[method, error, answer] : cases) {
-        const auto begin = std::chrono::steady_clock::now();
-        EXPECT_EQ(answer, call(method, "{}", error, 100));
-        const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
-        EXPECT_LT(took.count(), 1) << method;
+        EXPECT_LT(seconds([&] { EXPECT_EQ(answer, call(method, "{}", error, 100)); }), 1) << method;
     }
 }
 
@@ -239,9 +206,7 @@ TEST_F(UbusCall, FindsItsObjectAgainWhereverItIs)
     EXPECT_EQ(-ENOENT, vela_ubus_call_object(iface, "nosuch", "who", nullptr, nullptr, 0));
     EXPECT_EQ(before, iface->id);
 
-    daemon->start();
-    while (!iface->timer) event_base_loop(base, EVLOOP_ONCE);
-    while (iface->timer) event_base_loop(base, EVLOOP_ONCE);
+    restart(iface);
     EXPECT_EQ(before, iface->id);
     EXPECT_EQ(R"({"vu":1})", call("who", "{}", 0)) << "with a new id";
     EXPECT_NE(before, iface->id);
@@ -254,10 +219,9 @@ TEST_F(UbusCall, ADaemonThatStopsCostsTheTimeLimit)
     start({{"echo", echo}});
     daemon->pause();
     for (const char *object : {"vt", "vu"}) {
-        const auto begin = std::chrono::steady_clock::now();
-        EXPECT_EQ(-ETIMEDOUT, vela_ubus_call_object(iface, object, "echo", nullptr, nullptr, 200));
-        const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
-        EXPECT_THAT(took.count(), testing::AllOf(testing::Ge(0.2), testing::Le(1)));
+        const double took = seconds(
+            [&] { EXPECT_EQ(-ETIMEDOUT, vela_ubus_call_object(iface, object, "echo", nullptr, nullptr, 200)); });
+        EXPECT_THAT(took, testing::AllOf(testing::Ge(0.2), testing::Le(1)));
     }
     daemon->resume();
     EXPECT_EQ("{}", call("echo", "{}", 0)) << "late answers are passed over";

@@ -1,31 +1,25 @@
-#include "site/bus_daemon.h"
+#include "tests/support/bus.h"
 #include "tests/support/faults.h"
-#include "tests/support/leaks.h"
 #include "tests/support/log_lines.h"
 #include "tests/support/signal_storm.h"
+#include "tests/support/table.h"
 
-#include <chrono>
-#include <event2/event.h>
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <libubus.h>
 #include <malloc.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <vela/core/log.h>
-#include <vela/ipc/ubus.h>
 
 namespace bus = site::bus;
 using site::bus_script;
 using site::talk;
 using step = bus_script::step;
-using iface_ptr = vela_ubus_interface_t *;
 using testing::ElementsAre;
 
 namespace
 {
 
-constexpr const char *path = "/tmp/bus.sock";
 constexpr const char *no_bus = "Failed to connect to ubus";
 constexpr int retry_ms = 1100; // a second, and a little: one attempt
 
@@ -39,68 +33,20 @@ const std::string found = bus::bytes(R"(
 const std::string ok = bus::bytes("00 01 00 01 00 00 00 00 00 00 00 0c 01 00 00 08 00 00 00 00");
 constexpr uint32_t found_id = 0x46c439df;
 
-std::string payload(const blob_attr *msg) { return {static_cast<const char *>(blob_data(msg)), blob_len(msg)}; }
+int connects = 0, closes = 0;
+void count_connect(vela_ubus_interface_t * /*iface*/) { ++connects; }
+void count_close(vela_ubus_interface_t * /*iface*/) { ++closes; }
 
-template <class Body> void expect_a_few_seconds(Body body)
-{
-    const auto begin = std::chrono::steady_clock::now();
-    body();
-    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
-    EXPECT_THAT(took.count(), testing::AllOf(testing::Ge(2.9), testing::Le(6)));
-}
-
-int connects = 0, closes = 0, losses = 0;
-void count_connect(iface_ptr /*iface*/) { ++connects; }
-void count_close(iface_ptr /*iface*/) { ++closes; }
-
-/// A bus that has yet to be started, and an event loop. Nothing may be left after a test.
-class Ubus : public testing::Test
+class Ubus : public bus_test
 {
 protected:
-    leak_check leaks;
-    std::optional<site::bus_daemon> daemon{path};
-    event_base *const base = event_base_new();
-
     void SetUp() override
     {
+        bus_test::SetUp();
         daemon->offer("vt", {{"echo", [](auto values) { return site::bus_reply{0, {std::string(values)}}; }}});
         daemon->offer("vu", {});
-        EXPECT_EQ(0, vela_ubus_init());
-    }
-    void TearDown() override
-    {
-        vela_ubus_shutdown();
-        EXPECT_EQ(0, event_base_get_num_events(base, EVENT_BASE_COUNT_ADDED));
-        event_base_free(base);
-        EXPECT_EQ("", daemon->complaint());
-        daemon.reset();
-        leaks.expect_unchanged();
-    }
-    [[nodiscard]] iface_ptr open(uint32_t flags = 0, vela_ubus_callback on_connect = count_connect,
-                                 vela_ubus_callback on_close = count_close) const
-    {
-        return vela_ubus_create(base, path, "vt", flags, on_connect, on_close);
-    }
-    template <class Condition> bool runs_until(Condition condition, int ms = 5000) const
-    {
-        using clock = std::chrono::steady_clock;
-        for (const auto end = clock::now() + std::chrono::milliseconds(ms); !condition() && clock::now() < end;) {
-            event_base_loop(base, EVLOOP_NONBLOCK);
-            usleep(500);
-        }
-        return condition();
     }
 };
-
-void keep(ubus_request *req, int /*type*/, blob_attr *msg) { *static_cast<std::string *>(req->priv) = payload(msg); }
-
-using client = std::unique_ptr<ubus_context, decltype(&ubus_free)>;
-client connected()
-{
-    client k{ubus_connect(path), ubus_free};
-    if (k) k->connection_lost = [](ubus_context *) { ++losses; };
-    return k;
-}
 
 } // namespace
 
@@ -115,13 +61,13 @@ TEST_F(Ubus, WhatIsMissingIsRefusedAndLookupsStoreWhatTheyFind)
     EXPECT_THAT(log.take(), ElementsAre(log_line{"error", "libvela_ubus", "vela_ubus_create", no_bus}));
     {
         const bus_script secretive(path, talk({hello, lookup, ok}));
-        EXPECT_EQ(-ENOSYS, vela_ubus_find_service(open(1))) << "it is there, but shows nothing";
+        EXPECT_EQ(-ENOSYS, vela_ubus_find_service(open(1, count_connect))) << "it is there, but shows nothing";
     }
     vela_ubus_shutdown();
     connects = 0;
 
     daemon->start();
-    const iface_ptr iface = open(1);
+    const iface_ptr iface = open(1, count_connect);
     ASSERT_NE(nullptr, iface);
     EXPECT_EQ(1, connects);
     EXPECT_EQ(0U, iface->id) << "flag 1: no lookup";
@@ -144,10 +90,10 @@ TEST_F(Ubus, WhatIsMissingIsRefusedAndLookupsStoreWhatTheyFind)
 TEST_F(Ubus, ARecordWaitsForItsBusAndRegainsIt)
 {
     log_lines log;
-    const iface_ptr iface = open(2);
+    const iface_ptr iface = open(2, count_connect, count_close);
     ASSERT_NE(nullptr, iface);
     EXPECT_EQ(-EINVAL, vela_ubus_find_service(iface));
-    vela_ubus_close(open(2));
+    vela_ubus_close(open(2, count_connect, count_close));
     EXPECT_EQ(0, closes) << "there was no connection to close";
     EXPECT_FALSE(runs_until([&] { return iface->ctx; }, retry_ms));
     daemon->start();
@@ -198,7 +144,7 @@ TEST_F(Ubus, ABusThatDiesAnywhereIsRegained)
     std::vector<iface_ptr> records;
     for (const auto &turns : last_words) {
         const bus_script peer(path, talk(turns, step::die));
-        records.push_back(open(2));
+        records.push_back(open(2, count_connect, count_close));
         ASSERT_NE(nullptr, records.back());
         EXPECT_TRUE(runs_until([&] { return records.back()->timer; })) << records.size();
         EXPECT_EQ(nullptr, records.back()->read_event) << records.size();
@@ -213,7 +159,7 @@ TEST_F(Ubus, ABusThatDiesAnywhereIsRegained)
 TEST_F(Ubus, CallbacksMayCloseAnyRecord)
 {
     daemon->start();
-    EXPECT_EQ(nullptr, open(0, vela_ubus_close));
+    EXPECT_EQ(nullptr, open(0, vela_ubus_close, count_close));
     EXPECT_EQ(1, closes);
 
     static iface_ptr other;
@@ -223,8 +169,8 @@ TEST_F(Ubus, CallbacksMayCloseAnyRecord)
         vela_ubus_close(std::exchange(other, nullptr));
     };
     ASSERT_NE(nullptr, open(0, nullptr, close_both));
-    other = open();
-    ASSERT_NE(nullptr, open());
+    other = open(0, nullptr, count_close);
+    ASSERT_NE(nullptr, open(0, nullptr, count_close));
     vela_ubus_shutdown();
     EXPECT_EQ(4, closes);
 
@@ -246,6 +192,7 @@ TEST_F(Ubus, ReconnectionsAndRefusedMemoryLeaveNothingBehind)
     daemon->start();
     libvela_log_env_ready = 1; // not a word: a line that cannot be formatted would end the process
     libvela_log_level = 0;
+    const json args{json_pack("{s:[s,b]}", "a", "b", 1)};
     const auto do_all = [&] {
         const iface_ptr iface = open();
         for (int i = 0; i < 1000; ++i) {
@@ -253,8 +200,7 @@ TEST_F(Ubus, ReconnectionsAndRefusedMemoryLeaveNothingBehind)
             event_base_loop(base, EVLOOP_ONCE);
             ASSERT_NE(nullptr, iface->timer);
             event_active(iface->timer, EV_TIMEOUT, 1); // a second later
-            event_base_loop(base, EVLOOP_ONCE);
-            ASSERT_NE(nullptr, iface->read_event);
+            while (iface->timer) event_base_loop(base, EVLOOP_ONCE);
             ASSERT_EQ(0, vela_ubus_find_service(iface));
         }
         vela_ubus_close(iface);
@@ -262,6 +208,9 @@ TEST_F(Ubus, ReconnectionsAndRefusedMemoryLeaveNothingBehind)
         faults::for_each_allocation([&] {
             const iface_ptr whole = open();
             EXPECT_TRUE(!whole || whole->read_event) << "none, or a whole one";
+            const auto ignore = [](iface_ptr, const char *, const json_t *, void *) {};
+            (void)vela_ubus_subscribe(whole, "vu", ignore, nullptr);
+            (void)vela_ubus_call(whole, "echo", args.get(), nullptr, 0);
             vela_ubus_close(whole);
         });
     };
@@ -296,7 +245,8 @@ TEST_F(Ubus, BytesAreTakenInWhateverShapeTheyCome)
     } cases[] = {
         {"half a greeting", {hello.substr(0, 11)}, refused},
         {"one of another version", {odd(hello, 0, 1)}, refused},
-        {"one with a body", {bus::frame(bus::hello, 0, 4096, id)}, refused},
+        {"one without an id", {odd(odd(odd(odd(hello, 4, 0), 5, 0), 6, 0), 7, 0)}, refused},
+        {"another message", {odd(hello, 1, 1)}, refused},
         {"captured, among others", {hello, lookup, strangers + found + strangers + ok}, 0, found_id},
         {"an id in the outer header", {hello, lookup, odd(found, 8, '\x8f') + ok}, 0, found_id},
         {"no match", {hello, lookup, odd(ok, 19, 4)}, 4},
@@ -308,35 +258,40 @@ TEST_F(Ubus, BytesAreTakenInWhateverShapeTheyCome)
         {"another version", {hello, lookup, odd(found, 0, 1) + ok}, 10},
         {"a body of 3 bytes", {hello, lookup, open_end + '\3'}, 10},
         {"beyond a megabyte", {hello, lookup, ok.substr(0, 8) + bus::bytes("00 10 00 04")}, 10},
-        {"a call to us is answered", {hello, lookup, call(id), status(4, id), found + ok}, 0, found_id},
-        {"unless it wants none", {hello, lookup, call(bus::attr(10, {"\1", 1})) + call(""), status(2, ""), ok}, 0},
+        {"a greeting with a body", {bus::frame(bus::hello, 0, 0x9a449996, id), lookup, found + ok}, 0, found_id},
+        {"a call to us is answered", {hello, lookup, call(id) + found + ok, status(4, id)}, 0, found_id},
+        {"unless it wants none", {hello, lookup, call(bus::attr(10, {"\1", 1})) + call("") + ok, status(2, "")}, 0},
     };
     for (const auto &c : cases) {
         const auto how = c.turns.back().size() > 1000 ? step::send : step::crumbs;
         const bus_script peer(path, talk(c.turns, c.status == refused ? step::die : step::hang, how));
-        const client k = connected();
-        ASSERT_EQ(c.status == refused, !k) << c.what;
-        if (!k) continue;
-        EXPECT_EQ(0, memcmp(&k->local_id, &hello[4], 4)) << "as on the wire";
+        const iface_ptr iface = open(VELA_UBUS_NO_LOOKUP);
+        ASSERT_EQ(c.status == refused, !iface) << c.what;
+        if (!iface) continue;
+        ubus_context *const ctx = iface->ctx;
+        EXPECT_EQ(0, memcmp(&ctx->local_id, &hello[4], 4)) << "as on the wire";
+        static int losses;
         losses = 0;
+        ctx->connection_lost = [](ubus_context *) { ++losses; };
+        ctx->answer_ms = 5000;
         uint32_t result = none;
-        EXPECT_EQ(c.status, ubus_lookup_id(k.get(), "vt", &result)) << c.what;
+        EXPECT_EQ(c.status, ubus_lookup_id(ctx, "vt", &result)) << c.what;
         EXPECT_EQ(c.id, result) << c.what;
         EXPECT_EQ(c.status == 10 ? 1 : 0, losses) << c.what;
+        ctx->sock.cb(&ctx->sock, ULOOP_READ); // calls to us are answered now; a loss is told again
+        EXPECT_EQ(c.status == 10 ? 2 : 0, losses) << c.what;
+        if (losses != 0) EXPECT_EQ(2, ubus_lookup_id(ctx, "vt", &result)) << c.what;
         EXPECT_EQ("", peer.complaint()) << c.what;
-        if (losses == 0) continue;
-        EXPECT_EQ(2, ubus_lookup_id(k.get(), "vt", &result)) << c.what;
-        ubus_handle_event(k.get());
-        EXPECT_EQ(2, losses) << "told again until there is a new connection";
+        vela_ubus_close(iface);
     }
-    EXPECT_EQ(nullptr, ubus_connect(std::string(108, 'x').c_str())) << "a path that does not fit";
+    EXPECT_EQ(nullptr, vela_ubus_create(base, std::string(108, 'x').c_str(), "vt", 0, nullptr, nullptr));
 }
 
 TEST_F(Ubus, RequestsMeetTheirObjects)
 {
     daemon->start();
-    const client k = connected();
-    ASSERT_TRUE(k);
+    const iface_ptr iface = open();
+    ASSERT_NE(nullptr, iface);
     static std::map<std::string, uint32_t> seen;
     static int depth;
     const auto note = [](ubus_context *ctx, ubus_object_data *object, void *) {
@@ -345,49 +300,52 @@ TEST_F(Ubus, RequestsMeetTheirObjects)
         EXPECT_EQ(object->id, seen[object->path]);
         --depth;
     };
-    EXPECT_EQ(0, ubus_lookup(k.get(), nullptr, note, nullptr));
+    EXPECT_EQ(0, ubus_lookup(iface->ctx, nullptr, note, nullptr));
     EXPECT_EQ(2U, seen.size());
-    EXPECT_EQ(4, ubus_invoke(k.get(), seen["vt"] + 1, "echo", nullptr, nullptr, nullptr, 1000));
-
-    // As large as a frame may be, and larger; in many pieces each way, among signals.
-    const signal_storm storm;
-    blob_buf b{};
-    for (const size_t over : {0U, 4U}) {
-        std::string reply;
-        blob_buf_init(&b, 0);
-        blobmsg_add_string(&b, "t", std::string((1 << 20) - 4 - 8 - 12 - 4 - 8 - 4 + over, 't').c_str());
-        EXPECT_EQ(over ? 2 : 0, ubus_invoke(k.get(), seen["vt"], "echo", b.head, keep, &reply, 5000)) << over;
-        EXPECT_TRUE(reply == (over ? "" : payload(b.head)));
-    }
-    blob_buf_free(&b);
+    EXPECT_EQ(seen["vt"], iface->id);
     daemon->kill();
-    EXPECT_EQ(2, ubus_lookup(k.get(), nullptr, note, nullptr)) << "and this process lives";
+    EXPECT_EQ(2, ubus_lookup(iface->ctx, nullptr, note, nullptr)) << "and this process lives";
 }
 
 TEST_F(Ubus, NoBusHoldsAnybodyForLong)
 {
-    auto halfway = std::make_optional<bus_script>(path, talk({hello + found.substr(0, 30)}));
-    expect_a_few_seconds([] {
-        EXPECT_EQ(10, ubus_invoke(connected().get(), 1, "m", nullptr, nullptr, nullptr, 0))
-            << "although the call itself has no limit";
-    });
-    halfway.reset();
-
+    const auto a_few = testing::AllOf(testing::Ge(2.9), testing::Le(6));
     daemon->start();
-    const client k = connected();
-    ASSERT_TRUE(k);
+    const iface_ptr iface = open();
+    ASSERT_NE(nullptr, iface);
     daemon->pause();
-    uint32_t id = 0;
     const signal_storm storm;
-    expect_a_few_seconds([&] { EXPECT_EQ(7, ubus_lookup_id(k.get(), "vt", &id)); });
-    expect_a_few_seconds([] { EXPECT_FALSE(connected()) << "accepted by the kernel"; });
+    EXPECT_THAT(seconds([&] { EXPECT_EQ(-ENOSYS, vela_ubus_find_service(iface)); }), a_few);
+    EXPECT_THAT(seconds([&] { EXPECT_FALSE(open()) << "accepted by the kernel"; }), a_few);
     std::vector<int> backlog; // full: connecting itself waits
     const sockaddr_un address{AF_UNIX, "/tmp/bus.sock"};
     do {
         backlog.push_back(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0));
     } while (connect(backlog.back(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0);
-    expect_a_few_seconds([] { EXPECT_FALSE(connected()) << "not even accepted"; });
+    EXPECT_THAT(seconds([&] { EXPECT_FALSE(open()) << "not even accepted"; }), a_few);
     for (const int fd : backlog) close(fd);
     daemon->resume();
-    EXPECT_EQ(0, ubus_lookup_id(k.get(), "vt", &id)) << "the late answer is passed over";
+    EXPECT_EQ(0, vela_ubus_find_service(iface)) << "the late answer is passed over";
+}
+
+TEST_F(Ubus, ADaemonThatSaysNothingDoesNotHoldTheLoop)
+{
+    const std::vector<std::string> words[] = {{}, {hello.substr(0, 5)}};
+    for (const auto &turns : words) {
+        daemon->start();
+        const iface_ptr iface = open();
+        ASSERT_NE(nullptr, iface);
+        daemon->kill();
+        const bus_script silent(path, talk(turns));
+        double longest = 0;
+        EXPECT_FALSE(runs_until(
+            [&] {
+                longest = std::max(longest, seconds([&] { event_base_loop(base, EVLOOP_NONBLOCK); }));
+                return !iface->timer;
+            },
+            3000));
+        EXPECT_LT(longest, 1) << turns.size();
+        EXPECT_EQ(-ENOTCONN, vela_ubus_call(iface, "echo", nullptr, nullptr, 0));
+        vela_ubus_close(iface);
+    }
 }

@@ -93,9 +93,9 @@ int invoke(ubus_record &record, uint32_t id, const char *method, const message &
     int result = 0;
     {
         const vela::pipe_signal_blocked quiet;
-        result = vela::bus_error(ubus_invoke(record.ctx, id, method, args.get(), take_part, &r, left_ms));
+        const int status = ubus_invoke(record.ctx, id, method, args.get(), take_part, &r, left_ms);
+        result = vela::request_error(record, status);
     }
-    if (result == -EINVAL && !vela::connected(record)) result = -ENOTCONN; // it could not be sent
     if (result == 0) result = r.fault;
     if (result == 0 && answer) *answer = r.values.release();
     return result;

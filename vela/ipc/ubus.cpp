@@ -1,5 +1,9 @@
-// A record is connected (context and read event), waiting (timer, no read event) or closed. The loss of a connection
-// makes it wait, a successful attempt connects it again; the library below is given no event loop of its own.
+// Bus connections: records, their loss and their return.
+//
+// A record is connected (context and read event), waiting (timer or greeting event, no read event) or closed. The loss
+// of a connection makes it wait. An attempt opens a socket and leaves it to the event loop to wait for the daemon's
+// greeting, so that a daemon that is stuck holds nobody; then the context takes the connection over. The library below
+// is given no event loop of its own.
 //
 // Callbacks of the user's run in the middle of most functions here and may close any record. So closing only marks and
 // sets aside; the outermost call of ours sweeps what was closed, with its context, when it ends.
@@ -9,7 +13,7 @@
 #include <csignal>
 #include <cstddef>
 #include <event2/event.h>
-#include <libubus.h>
+#include <vela/core/internal/local_stream.h>
 #include <vela/core/internal/log.h>
 #include <vela/core/internal/pipe_signal.h>
 #include <vela/ipc/internal/bus_library.h>
@@ -20,6 +24,8 @@ namespace
 
 constexpr const char *log_module = "libvela_ubus";
 constexpr timeval reconnect_interval{1, 0};
+constexpr timeval greeting_patience{vela::bus_answer_ms / 1000, 0};
+constexpr int restoring_ms = 1000; // for all listeners together
 
 static_assert(offsetof(vela_ubus_interface_t, base) == 0);
 static_assert(offsetof(vela_ubus_interface_t, on_connect) < offsetof(vela_ubus_interface_t, on_close));
@@ -61,6 +67,7 @@ void release(record &iface)
 {
     unlink(iface.link);
     if (iface.ctx) ubus_free(iface.ctx);
+    vela::free_listeners(iface);
     std::destroy_at(&iface);
     free(&iface);
 }
@@ -121,8 +128,15 @@ bool watch(record &iface)
 
 void u_reconnect_timeout(evutil_socket_t fd, short what, void *arg);
 
+void stop_greeting(record &iface)
+{
+    release_event(iface.greeting_event); // before its descriptor is closed
+    iface.greeting.reset();
+}
+
 void arm(record &iface)
 {
+    if (iface.greeting_event) return;                                           // an attempt is under way
     if (iface.timer && event_pending(iface.timer, EV_TIMEOUT, nullptr)) return; // a second from the first loss
     if (!iface.timer) iface.timer = event_new(iface.base, -1, 0, u_reconnect_timeout, &iface);
     if (!iface.timer || event_add(iface.timer, &reconnect_interval) < 0) log_error("failed to arm the reconnect timer");
@@ -156,60 +170,93 @@ int find(record &iface, const char *name)
 /// Makes a fresh connection, if there is a bus.
 bool open_bus(record &iface)
 {
+    const deadline until = deadline::after_ms(vela::bus_answer_ms);
+    vela::unique_fd socket = vela::connect_stream(iface.path, until);
+    if (!socket.ok()) return false;
+    if (vela::wait_through_signals(socket.get(), POLLIN, until) != vela::wait_result::ready) return false;
     const signal_keeper keep;
-    iface.ctx = ubus_connect(iface.path);
+    iface.ctx = vela::open_context(std::move(socket), iface.path);
     return iface.ctx != nullptr;
 }
 
 void introduce(record &iface)
 {
-    iface.ctx->sock.registered = true; // libubus leaves a registered descriptor out of its own loop
     iface.ctx->connection_lost = u_connection_lost;
     if ((iface.flags & VELA_UBUS_NO_LOOKUP) == 0) (void)vela_ubus_find_service(&iface); // the id tells
     if (iface.on_connect) iface.on_connect(&iface);
 }
 
-/// Replaces the connection of a context, which is otherwise kept: no lookup, no callback.
-bool reopen_bus(record &iface)
+constexpr const char *attempt = "u_reconnect_timeout"; // the name of all its steps in the log
+
+void try_again(record &iface)
+{
+    const char *const what =
+        iface.ctx ? "Failed to reconnect, trying again in %ds" : "Failed to connect, trying again in %ds";
+    log_warn_as(attempt, what, static_cast<int>(reconnect_interval.tv_sec));
+    arm(iface);
+}
+
+/// Connects a record with a daemon that greets: in a context of its own at first, later in the one it has, which is
+/// otherwise kept.
+bool take_over(record &iface, vela::unique_fd greeted)
 {
     const vela::pipe_signal_blocked quiet;
-    if (ubus_reconnect(iface.ctx, iface.path) != UBUS_STATUS_OK) {
-        iface.ctx->sock.fd = -1; // libubus may leave a closed number, and close it again
-        return false;
+    const signal_keeper keep;
+    if (iface.ctx) {
+        vela::forget_listeners(iface);
+        return vela::reopen_context(iface.ctx, std::move(greeted), iface.path);
     }
-    iface.ctx->sock.registered = true;
-    return true;
+    iface.ctx = vela::open_context(std::move(greeted), iface.path);
+    return iface.ctx != nullptr;
+}
+
+/// Resumes what a record had: its read event and its listeners.
+void resume(record &iface, bool again)
+{
+    if (!watch(iface)) {
+        log_error_as(attempt, "failed to create UBUS event");
+        arm(iface); // the next attempt makes another connection
+        return;
+    }
+    if (!vela::restore_listeners(iface, deadline::after_ms(restoring_ms))) {
+        iface.ctx->sock.eof = true; // of no use
+        release_event(iface.read_event);
+        try_again(iface);
+        return;
+    }
+    log_debug_as(attempt, "Reconnected!");
+    release_event(iface.timer);
+    vela::tell_gaps(iface);
+    if (again && !iface.closed && iface.on_reconnect) iface.on_reconnect(&iface);
+}
+
+void on_greeting(evutil_socket_t /*fd*/, short what, void *arg)
+{
+    auto &iface = *static_cast<record *>(arg);
+    const call here;
+    const bool again = iface.ctx != nullptr;
+    release_event(iface.greeting_event);
+    vela::unique_fd greeted = std::move(iface.greeting);
+    if ((what & EV_READ) == 0 || !take_over(iface, std::move(greeted))) {
+        try_again(iface);
+        return;
+    }
+    iface.ctx->sock.registered = true; // libubus leaves a registered descriptor out of its own loop
+    if (!again) introduce(iface);
+    if (!iface.closed) resume(iface, again);
 }
 
 void u_reconnect_timeout(evutil_socket_t /*fd*/, short /*what*/, void *arg)
 {
     auto &iface = *static_cast<record *>(arg);
     const call here;
-    const auto seconds = static_cast<int>(reconnect_interval.tv_sec);
-    if (iface.ctx) {
-        const bool reopened = reopen_bus(iface);
-        if (iface.closed) return; // by a callback: libubus hands out what it had kept
-        if (!reopened) {
-            log_warn("Failed to reconnect, trying again in %ds", seconds);
-            arm(iface);
-            return;
-        }
-    } else if (open_bus(iface)) {
-        introduce(iface);
-        if (iface.closed) return;
-    } else {
-        log_warn("Failed to connect, trying again in %ds", seconds);
-        arm(iface);
-        return;
+    iface.greeting = vela::connect_stream(iface.path, deadline::after_ms(0));
+    if (iface.greeting.ok()) {
+        iface.greeting_event = event_new(iface.base, iface.greeting.get(), EV_READ, on_greeting, &iface);
     }
-
-    if (!watch(iface)) {
-        log_error("failed to create UBUS event");
-        arm(iface); // the next attempt makes another connection
-        return;
-    }
-    log_debug("Reconnected!");
-    release_event(iface.timer);
+    if (iface.greeting_event && event_add(iface.greeting_event, &greeting_patience) == 0) return;
+    stop_greeting(iface);
+    try_again(iface);
 }
 
 } // namespace
@@ -225,6 +272,12 @@ ubus_call::~ubus_call()
     while (closed_records.next != &closed_records) release(owner(closed_records.next));
 }
 
+int request_error(const ubus_record &record, int status)
+{
+    // The library calls it an invalid argument when it cannot send.
+    return status != UBUS_STATUS_OK && !connected(record) ? -ENOTCONN : bus_error(status);
+}
+
 bool connected(const ubus_record &record) { return record.ctx && record.ctx->sock.fd >= 0 && !record.ctx->sock.eof; }
 
 int look_up(ubus_record &record, const char *name, uint32_t &id, const deadline &until)
@@ -234,7 +287,7 @@ int look_up(ubus_record &record, const char *name, uint32_t &id, const deadline 
     if (!limit_requests(record.ctx, until)) return connected(record) ? -ETIMEDOUT : -ENOTCONN;
     uint32_t found = 0; // stays 0 where the daemon shows nothing of the object to this process
     const int status = ubus_lookup_id(record.ctx, name, &found);
-    if (status != UBUS_STATUS_OK) return connected(record) ? bus_error(status) : -ENOTCONN;
+    if (status != UBUS_STATUS_OK) return request_error(record, status);
     if (found == 0) return -ENOENT;
     id = found;
     return 0;
@@ -285,6 +338,7 @@ vela_ubus_interface_t *vela_ubus_create(struct event_base *base, const char *pat
         link_before(records, iface->link);
         return iface;
     }
+    iface->ctx->sock.registered = true;
     introduce(*iface);
     if (iface->closed) return nullptr; // by the callback
     if (!watch(*iface)) {
@@ -304,6 +358,7 @@ void vela_ubus_close(vela_ubus_interface_t *iface)
     unlink(iface->link);
     link_before(closed_records, iface->link);
     if (iface->ctx && iface->on_close) iface->on_close(iface);
+    stop_greeting(vela::inside(*iface));
     release_event(iface->timer);
     release_event(iface->read_event);
 }
@@ -311,7 +366,7 @@ void vela_ubus_close(vela_ubus_interface_t *iface)
 void vela_ubus_shutdown(void)
 {
     if (!initialised) return;
-    // Taken out first: what a callback creates meanwhile stays, what it closes is missed by nobody.
+    // Records leave the list first: a callback may create new ones, which stay, or close others safely.
     vela_ubus_links leaving{&leaving, &leaving};
     while (records.next != &records) {
         vela_ubus_links &link = *records.next;
@@ -319,6 +374,11 @@ void vela_ubus_shutdown(void)
         link_before(leaving, link);
     }
     while (leaving.next != &leaving) vela_ubus_close(&owner(leaving.next));
+}
+
+void vela_ubus_set_reconnect_cb(vela_ubus_interface_t *iface, vela_ubus_callback on_reconnect)
+{
+    if (iface) vela::inside(*iface).on_reconnect = on_reconnect;
 }
 
 int vela_ubus_find_service(vela_ubus_interface_t *iface)

@@ -26,6 +26,7 @@ struct event_base;
 struct ubus_context;
 
 typedef struct vela_ubus_interface vela_ubus_interface_t;
+typedef struct vela_ubus_listener vela_ubus_listener;
 
 /** A callback may make requests, close its record or any other, and create new ones. */
 typedef void (*vela_ubus_callback)(vela_ubus_interface_t *iface);
@@ -99,6 +100,12 @@ VELA_API void vela_ubus_close(vela_ubus_interface_t *iface);
 VELA_API void vela_ubus_shutdown(void);
 
 /**
+ * Sets what to call whenever a lost connection has been replaced, listeners included; null for nothing. Ids are stale
+ * then. on_connect is for the first connection, and this for all that follow.
+ */
+VELA_API void vela_ubus_set_reconnect_cb(vela_ubus_interface_t *iface, vela_ubus_callback on_reconnect);
+
+/**
  * Looks the record's service up and stores its id in the record. Waits for the daemon.
  *
  * @return 0; -EINVAL without a record, a connection or a service; -ENOSYS if it was not found, the id being as before
@@ -133,6 +140,39 @@ VELA_API int vela_ubus_call_object(vela_ubus_interface_t *iface, const char *obj
 
 /** What such a result means, in a few words for people. Static. */
 VELA_API const char *vela_ubus_error_text(int result);
+
+/**
+ * What a listener hears.
+ *
+ * @param name  of the event or notification; "" says that some may have been missed, because there was no connection or
+ *              no such object: ask again for whatever was learnt by listening
+ * @param data  an object, valid during the call; null with the name ""
+ *
+ * It may call, listen, end any listener, close the record.
+ */
+typedef void (*vela_ubus_event_callback)(vela_ubus_interface_t *iface, const char *name, const json_t *data, void *arg);
+
+/**
+ * Hears events, which the daemon passes to all who listen; but not those that are sent on the same connection.
+ *
+ * A listener outlives the connection: without one it begins to hear once there is one, and after each gap the callback
+ * is told. What arrives while a call waits is told when the event loop runs next.
+ *
+ * @param pattern  an event's name, or the beginning of one and "*"; copied
+ * @param each     called from the event loop
+ * @return the listener, which goes with its record at the latest; null with errno: EINVAL, EACCES (not allowed), ENOSPC
+ *         (64 on the record), ETIMEDOUT, ENOMEM
+ */
+VELA_API vela_ubus_listener *vela_ubus_listen(vela_ubus_interface_t *iface, const char *pattern,
+                                              vela_ubus_event_callback each, void *arg);
+
+/** The same for the notifications of one object, now or as soon as there is one of that name, and again after each time
+ * that it went away. */
+VELA_API vela_ubus_listener *vela_ubus_subscribe(vela_ubus_interface_t *iface, const char *object,
+                                                 vela_ubus_event_callback each, void *arg);
+
+/** Ends a listener; null is accepted. */
+VELA_API void vela_ubus_unlisten(vela_ubus_listener *listener);
 
 /**
  * Reads the statistics of an access point from a reply.

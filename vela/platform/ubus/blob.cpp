@@ -1,5 +1,5 @@
-// Attributes are appended behind the innermost open one, whose length grows at once; those around it learn theirs when
-// it is closed. Offsets rather than pointers name positions, because growing moves the buffer.
+// Building messages. Attributes are appended behind the innermost open one, whose length grows at once; those around it
+// learn theirs when it is closed. Offsets rather than pointers name positions, because growing moves the buffer.
 
 #include <algorithm>
 #include <cerrno>
@@ -120,15 +120,11 @@ blob_attr *blob_put_string(blob_buf *buf, int id, const char *text)
     return blob_put(buf, id, text, static_cast<unsigned>(strlen(text)) + 1);
 }
 
-blob_attr *blob_put_u8(blob_buf *buf, int id, uint8_t number) { return blob_put(buf, id, &number, sizeof number); }
-
 blob_attr *blob_put_u32(blob_buf *buf, int id, uint32_t number)
 {
     number = blob_be32(number);
     return blob_put(buf, id, &number, sizeof number);
 }
-
-void *blob_nest_start(blob_buf *buf, int id) { return vela::bus::open(buf, append(buf, id_bits(id), 0)); }
 
 void blob_nest_end(blob_buf *buf, void *cookie)
 {

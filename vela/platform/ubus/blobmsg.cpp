@@ -1,3 +1,6 @@
+// Named values: what is well formed, finding values by name, adding them to a message.
+
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <libubox/blobmsg.h>
@@ -10,9 +13,7 @@ constexpr size_t name_max = UINT16_MAX;
 
 bool has_type(const blob_attr *attr, enum blobmsg_type wanted)
 {
-    const int type = blobmsg_type(attr);
-    if (wanted == BLOBMSG_CAST_INT64) return type >= BLOBMSG_TYPE_INT64 && type <= BLOBMSG_TYPE_INT8;
-    return wanted == BLOBMSG_TYPE_UNSPEC || type == static_cast<int>(wanted);
+    return wanted == BLOBMSG_TYPE_UNSPEC || blobmsg_type(attr) == static_cast<int>(wanted);
 }
 
 /// Whether the name ends inside the attribute, with its NUL and padding.
@@ -34,8 +35,8 @@ bool value_fits(const blob_attr *attr)
     case BLOBMSG_TYPE_ARRAY:
     case BLOBMSG_TYPE_TABLE: return true;
     case BLOBMSG_TYPE_STRING: return length > 0 && static_cast<const char *>(blobmsg_data(attr))[length - 1] == '\0';
-    case BLOBMSG_TYPE_INT64:
-    case BLOBMSG_TYPE_DOUBLE: return length == 8;
+    case BLOBMSG_TYPE_INT64: return length == 8;
+    case BLOBMSG_TYPE_DOUBLE: return length >= 8;
     case BLOBMSG_TYPE_INT32: return length == 4;
     case BLOBMSG_TYPE_INT16: return length == 2;
     case BLOBMSG_TYPE_INT8: return length == 1;
@@ -45,12 +46,9 @@ bool value_fits(const blob_attr *attr)
 
 bool is_named(const blob_attr *attr, const char *name)
 {
-    if (!name) return false;
     const auto *const hdr = static_cast<const blobmsg_hdr *>(blob_data(attr));
-    // The first character decides nearly always, without a call.
-    if (static_cast<uint8_t>(name[0]) != hdr->name[0]) return false;
-    const size_t length = blobmsg_namelen(hdr);
-    return strlen(name) == length && memcmp(name, hdr->name, length) == 0;
+    const size_t length = blobmsg_namelen(hdr); // a NUL inside a name makes it another
+    return name && strlen(name) == length && memcmp(name, hdr->name, length) == 0;
 }
 
 void take(const blobmsg_policy *policy, int count, blob_attr **tb, blob_attr *attr)
@@ -58,12 +56,6 @@ void take(const blobmsg_policy *policy, int count, blob_attr **tb, blob_attr *at
     for (int i = 0; i < count; ++i) {
         if (!tb[i] && is_named(attr, policy[i].name) && has_type(attr, policy[i].type)) tb[i] = attr;
     }
-}
-
-int clear(blob_attr **tb, int count, const void *data, unsigned len)
-{
-    for (int i = 0; i < count; ++i) tb[i] = nullptr;
-    return data && len != 0 ? 0 : -EINVAL;
 }
 
 blob_attr *append_named(blob_buf *buf, int type, const char *name, size_t length)
@@ -83,30 +75,20 @@ blob_attr *append_named(blob_buf *buf, int type, const char *name, size_t length
 
 } // namespace
 
-bool blobmsg_check_attr(const blob_attr *attr, bool name) { return name_fits(attr, name) && value_fits(attr); }
+bool blobmsg_check_attr(const blob_attr *attr, bool name)
+{
+    return blob_raw_len(attr) >= sizeof *attr && name_fits(attr, name) && value_fits(attr);
+}
 
 int blobmsg_parse(const blobmsg_policy *policy, int policy_len, blob_attr **tb, void *data, unsigned int len)
 {
-    if (const int ret = clear(tb, policy_len, data, len); ret < 0) return ret;
+    std::fill_n(tb, policy_len, nullptr);
+    if (!data || len == 0) return -EINVAL;
     size_t left = len;
     for (auto *attr = static_cast<blob_attr *>(data); blob_fits(attr, left); attr = blob_next(attr)) {
         if (!blobmsg_check_attr(attr, false)) return -1;
         if (*blobmsg_name(attr) != '\0') take(policy, policy_len, tb, attr);
         left -= blob_pad_len(attr);
-    }
-    return 0;
-}
-
-int blobmsg_parse_array(const blobmsg_policy *policy, int policy_len, blob_attr **tb, void *data, unsigned int len)
-{
-    if (const int ret = clear(tb, policy_len, data, len); ret < 0) return ret;
-    size_t left = len;
-    int i = 0;
-    for (auto *attr = static_cast<blob_attr *>(data); i < policy_len && blob_fits(attr, left); attr = blob_next(attr)) {
-        if (!blobmsg_check_attr(attr, false)) return -1;
-        if (has_type(attr, policy[i].type)) tb[i] = attr;
-        left -= blob_pad_len(attr);
-        ++i;
     }
     return 0;
 }

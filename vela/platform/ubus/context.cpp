@@ -1,9 +1,11 @@
+// The context of a bus connection: its requests, and its own objects.
+//
 // A request waits on the stack of the call that made it, in a list of the context's; whatever arrives meanwhile is
 // handed to the request it answers. So callbacks may make requests of their own, and the loss of the connection ends
 // them all. A frame leaves the context before it is handled: a callback may read the next one. What arrives for a
-// request whose callback is running is kept until that returns, so that callbacks do not pile up.
+// request whose callback is running is kept until that returns, so that callbacks do not pile up; and so are calls to
+// our own objects while a request waits or a handler runs.
 
-#include <array>
 #include <cstddef>
 #include <cstdlib>
 #include <libubus.h>
@@ -18,15 +20,6 @@ namespace
 
 using namespace vela::bus;
 using vela::deadline;
-
-constexpr std::array status_texts{
-    "Success",           "Invalid command",   "Invalid argument",
-    "Method not found",  "Not found",         "No response",
-    "Permission denied", "Request timed out", "Operation not supported",
-    "Unknown error",     "Connection failed", "Out of memory",
-    "Parse error",       "System error",
-};
-static_assert(status_texts.size() == UBUS_STATUS_SYSTEM_ERROR + 1);
 
 constexpr int frames_per_event = 256; // then the caller's loop gets its turn: the descriptor stays readable
 
@@ -96,10 +89,16 @@ struct exchange : ubus_request {
 struct context : ubus_context {
     incoming frame;
     exchange *waiting = nullptr; // the youngest first
+    ubus_object *objects = nullptr;
+    frame_queue calls; // to them, in the order they came
+    bool serving = false;
+
+    [[nodiscard]] bool busy() const { return waiting || serving; }
 };
 
 context &inside(ubus_context *ctx) { return *static_cast<context *>(ctx); }
-static_assert(offsetof(ubus_context, sock) == 0); // from the descriptor to its context
+static_assert(offsetof(ubus_context, sock) == 0);   // from the descriptor to its context
+static_assert(offsetof(ubus_subscriber, obj) == 0); // from the object to its handler
 
 /// Keeps a request in the list while it lives.
 class enlisted
@@ -177,17 +176,39 @@ progress send_message(context &c, message type, uint16_t seq, uint32_t peer, con
     return send(c.sock.fd, header, {payload, blob_len(&body.body())}, until);
 }
 
-/// This process offers no objects: a call that reaches it all the same is told so.
-void answer_call(context &c, const frame_header &call, const attributes &a)
+/// Hands a call to its object, and gives the status to answer with.
+uint32_t run_handler(context &c, const frame_header &call, const attributes &a)
 {
-    if (a[attr_no_reply] && blob_get_u8(a[attr_no_reply]) != 0) return;
+    if (!a[attr_objid]) return UBUS_STATUS_INVALID_ARGUMENT;
+    ubus_object *object = c.objects;
+    while (object && object->id != blob_get_u32(a[attr_objid])) object = object->next;
+    if (!object) return UBUS_STATUS_NOT_FOUND;
+    if (!a[attr_method] || !a[attr_data]) return UBUS_STATUS_INVALID_ARGUMENT;
+    ubus_request_data request{.object = object->id, .peer = blob_be32(call.peer), .seq = blob_be16(call.seq)};
+    const auto handler = reinterpret_cast<ubus_subscriber *>(object)->cb;
+    const auto *const method = static_cast<const char *>(blob_data(a[attr_method]));
+    return static_cast<uint32_t>(handler(&c, object, &request, method, a[attr_data])); // it may forget its object
+}
+
+void answer_call(context &c, const frame_header &call, const attributes &a, uint32_t status)
+{
+    if (c.sock.eof || (a[attr_no_reply] && blob_get_u8(a[attr_no_reply]) != 0)) return;
     body_builder body;
-    body.number(attr_status, a[attr_objid] ? UBUS_STATUS_NOT_FOUND : UBUS_STATUS_INVALID_ARGUMENT);
+    body.number(attr_status, status);
     if (a[attr_objid]) body.number(attr_objid, blob_get_u32(a[attr_objid]));
     if (!body.ok()) return;
     const auto sent =
         send_message(c, message::status, blob_be16(call.seq), blob_be32(call.peer), body, deadline::after_ms(stall_ms));
     if (sent != progress::done) lose(c); // a daemon that asks on and does not listen would cost this much each time
+}
+
+void serve(context &c, incoming call)
+{
+    const attributes a = parse(call.payload());
+    c.serving = true;
+    const uint32_t status = run_handler(c, call.header, a);
+    c.serving = false;
+    answer_call(c, call.header, a, status);
 }
 
 exchange *request_of(const context &c, const frame_header &answer)
@@ -213,7 +234,7 @@ bool deliver(exchange &e, incoming &frame)
 void handle(context &c, incoming &frame)
 {
     if (frame.header.type == message::invoke) {
-        answer_call(c, frame.header, parse(frame.payload()));
+        if (!c.calls.push(frame)) lose(c);
         return;
     }
     exchange *const e = request_of(c, frame.header);
@@ -242,8 +263,10 @@ void on_event(uloop_fd *sock, unsigned int /*events*/)
 {
     context &c = inside(reinterpret_cast<ubus_context *>(sock));
     for (int i = 0; i < frames_per_event; ++i) {
-        if (handle_next(c) != progress::done) return;
+        while (!c.calls.empty() && !c.busy()) serve(c, c.calls.pop());
+        if (handle_next(c) != progress::done) break;
     }
+    while (!c.calls.empty() && !c.busy()) serve(c, c.calls.pop());
 }
 
 /// Sends a request and handles what arrives until its status has come.
@@ -302,33 +325,31 @@ int look_up(ubus_context *ctx, const char *path, exchange &e)
 
 } // namespace
 
-ubus_context *ubus_connect(const char *path)
+ubus_context *ubus_connect_socket(int fd, int greeting_ms)
 {
-    vela::unique_fd fd;
+    vela::unique_fd socket{fd};
     uint32_t local_id = 0;
-    if (open_connection(path, fd, local_id) != UBUS_STATUS_OK) return nullptr;
-
+    if (!take_greeting(fd, local_id, deadline::after_ms(greeting_ms))) return nullptr;
     void *const memory = malloc(sizeof(context));
     if (!memory) return nullptr;
     auto *const c = std::construct_at(static_cast<context *>(memory));
     c->sock.cb = on_event;
-    c->sock.fd = fd.release();
+    c->sock.fd = socket.release();
     c->local_id = local_id;
-    c->answer_ms = answer_ms;
     return c;
 }
 
-int ubus_reconnect(ubus_context *ctx, const char *path)
+int ubus_reconnect_socket(ubus_context *ctx, int fd, int greeting_ms)
 {
     context &c = inside(ctx);
     end_requests(c, UBUS_STATUS_CONNECTION_FAILED);
-    vela::unique_fd fd{std::exchange(c.sock.fd, -1)};
-    fd.reset();
+    const vela::unique_fd old{std::exchange(c.sock.fd, -1)};
+    vela::unique_fd socket{fd};
     c.frame.forget();
     c.sock.eof = c.sock.error = c.sock.registered = false;
-    const int status = open_connection(path, fd, c.local_id);
-    c.sock.fd = fd.release();
-    return status;
+    if (!take_greeting(fd, c.local_id, deadline::after_ms(greeting_ms))) return UBUS_STATUS_UNKNOWN_ERROR;
+    c.sock.fd = socket.release();
+    return UBUS_STATUS_OK;
 }
 
 void ubus_free(ubus_context *ctx)
@@ -373,8 +394,45 @@ int ubus_invoke(ubus_context *ctx, uint32_t obj, const char *method, blob_attr *
                    timeout_ms > 0 ? deadline::after_ms(timeout_ms) : deadline::never());
 }
 
-const char *ubus_strerror(int error)
+int ubus_register_subscriber(ubus_context *ctx, ubus_subscriber *obj)
 {
-    return error >= 0 && static_cast<size_t>(error) < status_texts.size() ? status_texts[static_cast<size_t>(error)]
-                                                                          : "Unknown error";
+    exchange e{};
+    e.take = take_id;
+    e.priv = &obj->obj.id;
+    obj->obj.id = 0;
+    const int status = perform(inside(ctx), message::add_object, body_builder{}, e, deadline::after_ms(ctx->answer_ms));
+    if (status != UBUS_STATUS_OK) return status;
+    if (obj->obj.id == 0) return UBUS_STATUS_NO_DATA;
+    obj->obj.next = std::exchange(inside(ctx).objects, &obj->obj);
+    return UBUS_STATUS_OK;
+}
+
+int ubus_unregister_subscriber(ubus_context *ctx, ubus_subscriber *obj)
+{
+    exchange e{};
+    e.take = [](exchange &, const attributes &) {};
+    body_builder body;
+    body.number(attr_objid, obj->obj.id);
+    ubus_forget(ctx, &obj->obj);
+    return perform(inside(ctx), message::remove_object, body, e, deadline::after_ms(ctx->answer_ms));
+}
+
+int ubus_subscribe(ubus_context *ctx, ubus_subscriber *obj, uint32_t id)
+{
+    exchange e{};
+    e.take = [](exchange &, const attributes &) {};
+    body_builder body;
+    body.number(attr_objid, obj->obj.id);
+    body.number(attr_target, id);
+    return perform(inside(ctx), message::subscribe, body, e, deadline::after_ms(ctx->answer_ms));
+}
+
+void ubus_forget(ubus_context *ctx, ubus_object *obj)
+{
+    for (ubus_object **place = &inside(ctx).objects; *place; place = &(*place)->next) {
+        if (*place != obj) continue;
+        *place = obj->next;
+        obj->id = 0;
+        return;
+    }
 }

@@ -1,14 +1,16 @@
 /**
  * @file
- * A client of the system bus.
+ * A client of the system bus, for hosts without libubus: the same calls as far as the library needs them, and those few
+ * of its own that make LIBUBUS_STAND_IN.
  *
- * The connection brings no event loop: watch `ctx->sock.fd` for reading and call ubus_handle_event() each time. Lookup
- * and invoke wait for their answer, and handle whatever else arrives meanwhile. One thread per context; in its
- * callbacks the context may be used, but not freed. No signal disposition is touched.
+ * The connection brings no event loop: watch `ctx->sock.fd` for reading and call `ctx->sock.cb` each time. Requests
+ * wait for their answer, with a limit, and handle whatever else arrives meanwhile; calls to our own objects are kept
+ * until the next event. One thread per context; in its callbacks the context may be used, but not freed. No signal
+ * disposition is touched.
  *
  * When the daemon goes away `sock.eof` is set and `connection_lost` called, possibly inside a request that waits (which
- * then returns UBUS_STATUS_CONNECTION_FAILED), and again each time the handler runs until ubus_reconnect() has brought
- * a new connection. Ids looked up before are stale after that.
+ * then returns UBUS_STATUS_CONNECTION_FAILED), and again each time the handler runs until ubus_reconnect_socket() has
+ * brought a new connection. Ids looked up before are stale after that.
  */
 #ifndef LIBUBUS_H
 #define LIBUBUS_H
@@ -73,25 +75,50 @@ struct ubus_context {
     struct uloop_fd sock;
     uint32_t local_id; /**< our id on the bus, in the byte order of the wire */
     uint16_t request_seq;
-    int answer_ms; /**< not in libubus: what the daemon may take to answer about its objects; 3000 at first */
+    int answer_ms; /**< not in libubus: what the daemon may take to answer requests other than ubus_invoke() */
     void (*connection_lost)(struct ubus_context *ctx); /**< may be NULL */
 };
 
-/**
- * Connects and waits for the daemon's greeting, for at most a few seconds.
- *
- * @param path  socket; NULL is the default, /var/run/ubus/ubus.sock
- * @return the context, released with ubus_free(); NULL where there is no daemon, or none that answers
- */
-struct ubus_context *ubus_connect(const char *path);
+/** Who calls a method of ours. */
+struct ubus_request_data {
+    uint32_t object;
+    uint32_t peer; /**< the caller's id on the bus; 0 is the daemon, which passes events on */
+    uint16_t seq;
+};
+
+struct ubus_object;
+
+/** A call of one of our objects, or an event or notification for it. @return the status to answer with */
+typedef int (*ubus_handler_t)(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
+                              const char *method, struct blob_attr *msg);
+
+/** An object of ours, without a name. */
+struct ubus_object {
+    struct ubus_object *next;
+    uint32_t id; /**< 0 while the daemon does not know it */
+};
+
+/** An object that hears the notifications of others. Zero it but for `cb`. */
+struct ubus_subscriber {
+    struct ubus_object obj;
+    ubus_handler_t cb;
+};
 
 /**
- * Replaces the connection of a context by a new one; its descriptor number may change.
+ * Not in libubus: makes a context of a connected, non-blocking stream socket, which it takes over.
  *
- * @return 0; UBUS_STATUS_CONNECTION_FAILED without a connection; UBUS_STATUS_UNKNOWN_ERROR without a proper greeting.
- *         After a failure `sock.fd` is -1
+ * @param greeting_ms  how long to wait for the daemon's greeting
+ * @return the context, released with ubus_free(); NULL without a proper greeting
  */
-int ubus_reconnect(struct ubus_context *ctx, const char *path);
+struct ubus_context *ubus_connect_socket(int fd, int greeting_ms);
+
+/**
+ * Not in libubus: replaces the connection of a context likewise. Our own objects are forgotten by the daemon, and have
+ * to be by us: ubus_forget().
+ *
+ * @return 0; UBUS_STATUS_UNKNOWN_ERROR without a proper greeting, `sock.fd` being -1 then
+ */
+int ubus_reconnect_socket(struct ubus_context *ctx, int fd, int greeting_ms);
 
 /** Closes and frees. NULL is accepted. */
 void ubus_free(struct ubus_context *ctx);
@@ -120,11 +147,17 @@ int ubus_lookup_id(struct ubus_context *ctx, const char *path, uint32_t *id);
 int ubus_invoke(struct ubus_context *ctx, uint32_t obj, const char *method, struct blob_attr *msg,
                 ubus_data_handler_t cb, void *priv, int timeout_ms);
 
-/** A status in words. */
-const char *ubus_strerror(int error);
+/** Makes an object known to the daemon, for events and subscriptions. @return a status */
+int ubus_register_subscriber(struct ubus_context *ctx, struct ubus_subscriber *obj);
 
-/** Handles what has arrived; never waits for more. */
-static inline void ubus_handle_event(struct ubus_context *ctx) { ctx->sock.cb(&ctx->sock, ULOOP_READ); }
+/** Ends that; where the daemon does not answer too. @return a status */
+int ubus_unregister_subscriber(struct ubus_context *ctx, struct ubus_subscriber *obj);
+
+/** Lets an object hear the notifications of another. @return a status */
+int ubus_subscribe(struct ubus_context *ctx, struct ubus_subscriber *obj, uint32_t id);
+
+/** Not in libubus: forgets an object without telling the daemon. */
+void ubus_forget(struct ubus_context *ctx, struct ubus_object *obj);
 
 #ifdef __cplusplus
 }

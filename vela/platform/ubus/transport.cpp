@@ -1,14 +1,8 @@
-// The socket is non-blocking once it is connected, and every wait is a poll with what is left of its time.
+// The socket is non-blocking, and every wait is a poll with what is left of its time.
 
 #include <cerrno>
-#include <cstring>
-#include <fcntl.h>
-#include <libubus.h>
-#include <poll.h>
 #include <sys/socket.h>
-#include <sys/time.h>
-#include <sys/un.h>
-#include <vela/core/internal/text.h>
+#include <sys/uio.h>
 #include <vela/platform/ubus/transport.h>
 
 namespace vela::bus
@@ -17,33 +11,7 @@ namespace vela::bus
 namespace
 {
 
-constexpr const char *default_path = "/var/run/ubus/ubus.sock";
-constexpr uint32_t private_channel = 1; // peers above it are connections
-
 bool would_block() { return errno == EAGAIN || errno == EWOULDBLOCK; }
-
-/// Connects within the time given. A full backlog makes connect wait, and poll cannot wait for it; a send timeout can.
-bool connect_within(int fd, const sockaddr_un &address, const deadline &until)
-{
-    do {
-        const int left_ms = std::max(until.left_ms(), 1); // a timeout of 0 would be none
-        const timeval limit{.tv_sec = left_ms / 1000, .tv_usec = left_ms % 1000 * 1000};
-        if (setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) < 0) return false;
-        if (connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0) return true;
-    } while (errno == EINTR && !until.passed());
-    return false;
-}
-
-bool take_greeting(int fd, uint32_t &local_id, const deadline &until)
-{
-    incoming hello;
-    progress got = progress::nothing_yet;
-    while (got == progress::nothing_yet && wait_until(fd, POLLIN, until)) got = hello.receive(fd);
-    if (got != progress::done || hello.header.type != message::hello || !hello.payload().empty()) return false;
-    if (blob_be32(hello.header.peer) <= private_channel) return false;
-    local_id = hello.header.peer; // in the byte order of the wire, as libubus keeps it
-    return true;
-}
 
 } // namespace
 
@@ -120,21 +88,14 @@ progress send(int fd, frame_header header, std::span<const uint8_t> payload, con
     return progress::done;
 }
 
-int open_connection(const char *path, unique_fd &connection, uint32_t &local_id)
+bool take_greeting(int fd, uint32_t &local_id, const deadline &until)
 {
-    const std::string_view name = path ? path : default_path;
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (name.size() >= sizeof address.sun_path) return UBUS_STATUS_CONNECTION_FAILED;
-    copy_text(address.sun_path, name);
-
-    const deadline until = deadline::after_ms(greeting_ms);
-    unique_fd fd{socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
-    if (!fd.ok() || !connect_within(fd.get(), address, until)) return UBUS_STATUS_CONNECTION_FAILED;
-    if (fcntl(fd.get(), F_SETFL, O_NONBLOCK) < 0) return UBUS_STATUS_CONNECTION_FAILED;
-    if (!take_greeting(fd.get(), local_id, until)) return UBUS_STATUS_UNKNOWN_ERROR;
-    connection = std::move(fd);
-    return UBUS_STATUS_OK;
+    incoming hello;
+    progress got = hello.receive(fd);
+    while (got == progress::nothing_yet && wait_until(fd, POLLIN, until)) got = hello.receive(fd);
+    if (got != progress::done || hello.header.type != message::hello || hello.header.peer == 0) return false;
+    local_id = hello.header.peer; // in the byte order of the wire, as libubus keeps it
+    return true;
 }
 
 } // namespace vela::bus

@@ -1,5 +1,5 @@
-// The bytes of a bus connection: opening it, sending a frame, receiving one in whatever pieces it comes. Every wait has
-// an end; signals only interrupt it.
+// The bytes of a bus connection: its greeting, sending a frame, receiving one in whatever pieces it comes. Every wait
+// has an end; signals only interrupt it.
 #pragma once
 
 #include <cstdint>
@@ -11,9 +11,7 @@
 namespace vela::bus
 {
 
-constexpr int greeting_ms = 3000; // for a daemon to accept and to say hello
-constexpr int answer_ms = 3000;   // for a daemon to answer about its objects
-constexpr int stall_ms = 3000;    // for the next piece of a frame that has begun, in either direction
+constexpr int stall_ms = 3000; // for the next piece of a frame that has begun, in either direction
 
 /// Waits for poll events on a descriptor, through any signals; false when the time has come first.
 bool wait_until(int fd, short events, const deadline &until);
@@ -44,7 +42,7 @@ private:
 /// connection failed, or stopped in the middle of the frame and is of no more use.
 progress send(int fd, frame_header header, std::span<const uint8_t> payload, const deadline &until);
 
-/// Connects and takes the daemon's greeting. Returns a bus status; the outputs are written on success.
-int open_connection(const char *path, unique_fd &connection, uint32_t &local_id);
+/// Receives the daemon's greeting; our id is written on success. False for anything else, and when the time has come.
+bool take_greeting(int fd, uint32_t &local_id, const deadline &until);
 
 } // namespace vela::bus

@@ -1,3 +1,5 @@
+// Which attributes the frames of the bus carry, and of which type.
+
 #include <vela/platform/ubus/wire.h>
 
 namespace vela::bus
@@ -10,7 +12,7 @@ enum class kind : uint8_t { unknown, number8, number32, text, nested };
 
 constexpr auto kinds = [] {
     std::array<kind, std::tuple_size_v<attributes>> k{};
-    k[attr_status] = k[attr_objid] = k[attr_objtype] = kind::number32;
+    k[attr_status] = k[attr_objid] = k[attr_objtype] = k[attr_target] = kind::number32;
     k[attr_objpath] = k[attr_method] = kind::text;
     k[attr_signature] = k[attr_data] = kind::nested;
     k[attr_no_reply] = kind::number8;
@@ -19,6 +21,7 @@ constexpr auto kinds = [] {
 
 bool is_of(kind k, const blob_attr *attr)
 {
+    if (blob_raw_len(attr) < sizeof *attr) return false;
     const size_t length = blob_len(attr);
     switch (k) {
     case kind::unknown: return false;

@@ -11,7 +11,16 @@ namespace vela::bus
 
 constexpr size_t body_max = size_t{1} << 20; // with its own header; a peer that announces more is not served
 
-enum class message : uint8_t { hello = 0, status = 1, data = 2, lookup = 4, invoke = 5 };
+enum class message : uint8_t {
+    hello = 0,
+    status = 1,
+    data = 2,
+    lookup = 4,
+    invoke = 5,
+    add_object = 6,
+    remove_object = 7,
+    subscribe = 8,
+};
 
 struct frame_header {
     uint8_t version; // always 0
@@ -33,6 +42,7 @@ enum attribute_id : uint8_t {
     attr_objtype,
     attr_signature,
     attr_data,
+    attr_target,
     attr_no_reply = 10,
 };
 

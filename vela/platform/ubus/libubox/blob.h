@@ -91,17 +91,15 @@ static inline struct blob_attr *blob_next(const struct blob_attr *attr)
     return (struct blob_attr *)((const char *)attr + blob_pad_len(attr));
 }
 
-/** Whether a whole attribute, its padding included, stands at the beginning of `left` bytes. */
+/**
+ * Whether a whole attribute, its padding included, stands at the beginning of `left` bytes. A length of 1 to 3 passes,
+ * as it does in libubox: such an attribute is there, and malformed.
+ */
 static inline bool blob_fits(const struct blob_attr *attr, size_t left)
 {
-    return left >= sizeof(struct blob_attr) && blob_raw_len(attr) >= sizeof(struct blob_attr) &&
+    return left >= sizeof(struct blob_attr) && blob_pad_len(attr) >= sizeof(struct blob_attr) &&
            blob_pad_len(attr) <= left;
 }
-
-/** Walks the attributes inside `attr`; `left` is a size_t of the caller's. Stops quietly where one is cut short. */
-#define blob_for_each_attr(pos, attr, left)                                                                            \
-    for ((left) = (attr) ? blob_len(attr) : 0, (pos) = (struct blob_attr *)((attr) ? blob_data(attr) : NULL);          \
-         blob_fits(pos, left); (left) -= blob_pad_len(pos), (pos) = blob_next(pos))
 
 /** Payload as a number of the stated width. The caller has made sure that it has that width. */
 static inline uint8_t blob_get_u8(const struct blob_attr *attr) { return *(const uint8_t *)blob_data(attr); }
@@ -133,13 +131,9 @@ struct blob_attr *blob_put(struct blob_buf *buf, int id, const void *ptr, unsign
 
 /** @return as blob_put() */
 struct blob_attr *blob_put_string(struct blob_buf *buf, int id, const char *text);
-struct blob_attr *blob_put_u8(struct blob_buf *buf, int id, uint8_t number);
 struct blob_attr *blob_put_u32(struct blob_buf *buf, int id, uint32_t number);
 
-/** Opens an attribute that holds attributes. @return the cookie for blob_nest_end(), or NULL */
-void *blob_nest_start(struct blob_buf *buf, int id);
-
-/** Closes it. A NULL cookie does nothing. */
+/** Closes what a function that opens an attribute gave a cookie for. A NULL cookie does nothing. */
 void blob_nest_end(struct blob_buf *buf, void *cookie);
 
 #ifdef __cplusplus

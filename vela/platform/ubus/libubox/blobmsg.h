@@ -28,7 +28,6 @@ enum blobmsg_type {
     BLOBMSG_TYPE_DOUBLE,
     BLOBMSG_TYPE_LAST = BLOBMSG_TYPE_DOUBLE,
     BLOBMSG_TYPE_BOOL = BLOBMSG_TYPE_INT8,
-    BLOBMSG_CAST_INT64 = 9, /**< in a policy only: an integer of any width, read with blobmsg_cast_u64() */
 };
 
 struct blobmsg_hdr {
@@ -74,18 +73,9 @@ static inline size_t blobmsg_data_len(const struct blob_attr *attr)
     return name > blob_len(attr) ? 0 : blob_len(attr) - name;
 }
 
-static inline size_t blobmsg_len(const struct blob_attr *attr) { return blobmsg_data_len(attr); }
-
-/** Walks the values of a table or an array; `left` is a size_t of the caller's. Stops quietly where one is cut short.
- */
-#define blobmsg_for_each_attr(pos, attr, left)                                                                         \
-    for ((left) = (attr) ? blobmsg_data_len(attr) : 0,                                                                 \
-        (pos) = (struct blob_attr *)((attr) ? blobmsg_data(attr) : NULL);                                              \
-         blob_fits(pos, left); (left) -= blob_pad_len(pos), (pos) = blob_next(pos))
-
 /**
- * Whether a value is well formed: a type that exists, a name that ends inside it, a number of its type's width, a text
- * with its NUL. What a table or an array holds is not looked at.
+ * Whether a value is well formed: a type that exists, a name that ends inside it, a whole number of its type's width, a
+ * double of 8 bytes at least, a text with its NUL. What a table or an array holds is not looked at.
  *
  * @param attr  a whole attribute: its length has been compared with what holds it
  * @param name  whether a name is required
@@ -105,10 +95,6 @@ bool blobmsg_check_attr(const struct blob_attr *attr, bool name);
 int blobmsg_parse(const struct blobmsg_policy *policy, int policy_len, struct blob_attr **tb, void *data,
                   unsigned int len);
 
-/** The same for the elements of an array: the n-th entry's type is that of the n-th element, names do not matter. */
-int blobmsg_parse_array(const struct blobmsg_policy *policy, int policy_len, struct blob_attr **tb, void *data,
-                        unsigned int len);
-
 /** Adds a value. @param name  NULL is the empty name  @return 0, or -1 when memory or room runs out */
 int blobmsg_add_field(struct blob_buf *buf, int type, const char *name, const void *data, unsigned int len);
 
@@ -126,12 +112,6 @@ static inline int blobmsg_add_double(struct blob_buf *buf, const char *name, dou
 static inline int blobmsg_add_u8(struct blob_buf *buf, const char *name, uint8_t number)
 {
     return blobmsg_add_field(buf, BLOBMSG_TYPE_INT8, name, &number, sizeof number);
-}
-
-static inline int blobmsg_add_u16(struct blob_buf *buf, const char *name, uint16_t number)
-{
-    number = blob_be16(number);
-    return blobmsg_add_field(buf, BLOBMSG_TYPE_INT16, name, &number, sizeof number);
 }
 
 static inline int blobmsg_add_u32(struct blob_buf *buf, const char *name, uint32_t number)
@@ -161,12 +141,8 @@ static inline void *blobmsg_open_array(struct blob_buf *buf, const char *name)
     return blobmsg_open_nested(buf, name, true);
 }
 
-static inline void blobmsg_close_table(struct blob_buf *buf, void *cookie) { blob_nest_end(buf, cookie); }
-static inline void blobmsg_close_array(struct blob_buf *buf, void *cookie) { blob_nest_end(buf, cookie); }
-
 /* The value as a number of the stated width. The caller has made sure of the type: blobmsg_parse() does. */
 static inline uint8_t blobmsg_get_u8(const struct blob_attr *attr) { return *(const uint8_t *)blobmsg_data(attr); }
-static inline bool blobmsg_get_bool(const struct blob_attr *attr) { return blobmsg_get_u8(attr) != 0; }
 
 static inline uint16_t blobmsg_get_u16(const struct blob_attr *attr)
 {
@@ -195,24 +171,6 @@ static inline double blobmsg_get_double(const struct blob_attr *attr)
     double number;
     memcpy(&number, &bits, sizeof number);
     return number;
-}
-
-/** An integer of any width; 0 for anything else. */
-static inline uint64_t blobmsg_cast_u64(const struct blob_attr *attr)
-{
-    switch (blobmsg_type(attr)) {
-    case BLOBMSG_TYPE_INT64: return blobmsg_get_u64(attr);
-    case BLOBMSG_TYPE_INT32: return blobmsg_get_u32(attr);
-    case BLOBMSG_TYPE_INT16: return blobmsg_get_u16(attr);
-    case BLOBMSG_TYPE_INT8: return blobmsg_get_u8(attr);
-    default: return 0;
-    }
-}
-
-/** The text, or NULL for a NULL attribute. */
-static inline char *blobmsg_get_string(const struct blob_attr *attr)
-{
-    return attr ? (char *)blobmsg_data(attr) : NULL;
 }
 
 #ifdef __cplusplus
