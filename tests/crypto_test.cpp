@@ -37,7 +37,7 @@ bytes from_hex(const std::string &hex)
 /// Every AES that can run here: what the library chooses comes first.
 std::vector<const vela::aes::engine *> engines()
 {
-    std::vector all = {&vela::aes::portable(), &vela::aes::bytewise};
+    std::vector all = {&vela::aes::portable};
     if (vela::aes::hardware()) all.insert(all.begin(), vela::aes::hardware());
     return all;
 }
@@ -46,6 +46,8 @@ std::vector<const vela::aes::engine *> engines()
 void expect_cbc(const bytes &key, const bytes &iv, const bytes &plain, const bytes &cipher)
 {
     const auto size = static_cast<uint32_t>(plain.size());
+    rijndael_ctx keys;
+    rijndael_set_key(&keys, key.data(), 128);
     bytes data = plain;
     EXPECT_EQ(0, aes_cbc_encrypt_128(key.data(), iv.data(), data.data(), size));
     EXPECT_EQ(cipher, data);
@@ -53,9 +55,9 @@ void expect_cbc(const bytes &key, const bytes &iv, const bytes &plain, const byt
     EXPECT_EQ(plain, data);
     data.insert(data.begin(), 0);
     for (const auto *engine : engines()) {
-        engine->cbc_encrypt(key.data(), iv.data(), &data[1], size / 16);
+        engine->cbc_encrypt(keys.ek, iv.data(), &data[1], size / 16);
         EXPECT_EQ(cipher, bytes(data.begin() + 1, data.end()));
-        engine->cbc_decrypt(key.data(), iv.data(), &data[1], size / 16);
+        engine->cbc_decrypt(keys.dk, iv.data(), &data[1], size / 16);
         EXPECT_EQ(plain, bytes(data.begin() + 1, data.end()));
     }
 }
@@ -201,10 +203,14 @@ TEST(Aes, LeavesNoRoundKeyOnTheStack)
     rijndael_ctx ctx = {};
     rijndael_set_key(&ctx, key.data(), 128);
     uint8_t block[160] = {};
-    std::vector<std::function<void()>> operations{[&] { rijndaelKeySetupDec(ctx.dk, key.data(), 128); }};
+    std::vector<std::function<void()>> operations{
+        [&] { rijndaelKeySetupDec(ctx.dk, key.data(), 128); },
+        [&] { aes_cbc_encrypt_128(key.data(), block, block, sizeof block); },
+        [&] { aes_cbc_decrypt_128(key.data(), block, block, sizeof block); },
+    };
     for (const auto *engine : engines()) {
-        operations.emplace_back([&, engine] { engine->cbc_encrypt(key.data(), block, block, 10); });
-        operations.emplace_back([&, engine] { engine->cbc_decrypt(key.data(), block, block, 10); });
+        operations.emplace_back([&, engine] { engine->cbc_encrypt(ctx.ek, block, block, 10); });
+        operations.emplace_back([&, engine] { engine->cbc_decrypt(ctx.dk, block, block, 10); });
     }
     alignas(4096) static uint8_t stack[1 << 18];
     pthread_attr_t attributes;

@@ -1,5 +1,5 @@
-// The data area holds, in this order: bytes already read, unread bytes, free room. The unread ones never move while
-// there are any; the room of the read ones is used again once the buffer has been drained.
+// A growable byte buffer, used as a queue. Its data area holds, in this order: bytes already read, unread bytes, free
+// room. Unread bytes keep their place; the room of the read ones is used again once the buffer has been drained.
 
 #include <algorithm>
 #include <cstdarg>
@@ -38,8 +38,13 @@ struct buffer_block {
 /// A data area may have 0 bytes, an allocation may not: its result would look like a failure.
 constexpr size_t allocation_size(uint32_t capacity) { return std::max<size_t>(capacity, 1); }
 
-[[gnu::noinline]] bool enlarge(buffer_state &s, uint32_t n)
+/// Whether n bytes fit behind the last one written, with nothing to reclaim before.
+bool has_room(const buffer_state &s, uint32_t n) { return s.length != 0 && n <= s.allocated - s.write; }
+
+bool make_room(buffer_state &s, uint32_t n)
 {
+    if (s.length == 0) s.read = s.write = 0;
+    if (n <= s.allocated - s.write) return true;
     const uint64_t allocated = s.allocated + (n + growth_step - 1) / growth_step * growth_step;
     if (allocated > UINT32_MAX) return false;
     void *data = realloc(s.data, allocated);
@@ -49,9 +54,7 @@ constexpr size_t allocation_size(uint32_t capacity) { return std::max<size_t>(ca
     return true;
 }
 
-bool has_room(const buffer_state &s, uint32_t n) { return n <= s.allocated - s.write; }
-
-/// Makes the next n bytes of the data area part of the unread ones and returns their place.
+/// Counts the next n bytes as unread and returns their place.
 uint8_t *take(buffer_state &s, uint32_t n)
 {
     uint8_t *tail = s.data + s.write;
@@ -61,52 +64,12 @@ uint8_t *take(buffer_state &s, uint32_t n)
 }
 
 /// The same, with room made for them; null when it cannot be had.
-uint8_t *grow(buffer_state &s, uint32_t n)
-{
-    if (s.length == 0) s.read = s.write = 0;
-    if (!has_room(s, n) && !enlarge(s, n)) return nullptr;
-    return take(s, n);
-}
+uint8_t *grow(buffer_state &s, uint32_t n) { return has_room(s, n) || make_room(s, n) ? take(s, n) : nullptr; }
 
 void consume(buffer_state &s, uint32_t n)
 {
     s.read += n;
     s.length -= n;
-}
-
-using word16 [[gnu::vector_size(16)]] = uint8_t;
-
-template <class word> word load(const uint8_t *from)
-{
-    word w;
-    memcpy(&w, from, sizeof w);
-    return w;
-}
-template <class word> void store(uint8_t *to, word w) { memcpy(to, &w, sizeof w); }
-
-/// Copies n bytes as two words, the first and the last, which meet or overlap.
-template <class word> void copy_ends(uint8_t *to, const uint8_t *from, uint32_t n)
-{
-    const word first = load<word>(from);
-    const word last = load<word>(from + n - sizeof(word));
-    store(to, first);
-    store(to + n - sizeof(word), last);
-}
-
-/// The short pieces that messages are made of: copied without a call.
-constexpr bool is_short(uint32_t n) { return n >= 4 && n <= 64; }
-
-/// memmove() of a short piece: all is loaded before anything is stored, so the places may overlap.
-void copy_short(uint8_t *to, const uint8_t *from, uint32_t n)
-{
-    if (n <= 8) return copy_ends<uint32_t>(to, from, n);
-    if (n <= 16) return copy_ends<uint64_t>(to, from, n);
-    if (n <= 32) return copy_ends<word16>(to, from, n);
-    const auto second = load<word16>(from + 16);
-    const auto last_but_one = load<word16>(from + n - 32);
-    copy_ends<word16>(to, from, n);
-    store(to + 16, second);
-    store(to + n - 32, last_but_one);
 }
 
 namespace operation
@@ -126,21 +89,14 @@ uint32_t length(const buffer *b) { return b->state->length; }
 
 uint32_t capacity(const buffer *b) { return b->state->allocated; }
 
-// Apart from append(), which then needs no frame of its own.
-[[gnu::noinline]] uint32_t copy_long(uint8_t *to, const void *from, uint32_t n)
-{
-    memmove(to, from, n);
-    return n;
-}
-
-/// Appends bytes that may be the buffer's own, under a tail or an area that moves.
-[[gnu::noinline]] uint32_t append_with_growth(buffer_state &s, const void *bytes, uint32_t count)
+/// Appends after making room, which moves bytes that are the buffer's own. A function apart: append() is called for
+/// every few bytes and has nothing to save without it (a quarter of its time).
+[[gnu::noinline]] uint32_t append_moved(buffer_state &s, const void *bytes, uint32_t count)
 {
     const uintptr_t own_offset = reinterpret_cast<uintptr_t>(bytes) - reinterpret_cast<uintptr_t>(s.data);
     const bool own = own_offset < s.allocated;
-    uint8_t *tail = grow(s, count);
-    if (!tail) return 0;
-    memmove(tail, own ? s.data + own_offset : bytes, count);
+    if (!make_room(s, count)) return 0;
+    memmove(take(s, count), own ? s.data + own_offset : bytes, count);
     return count;
 }
 
@@ -148,9 +104,8 @@ uint32_t append(buffer *b, const void *bytes, uint32_t count)
 {
     if (!bytes || count == 0) return 0;
     buffer_state &s = *b->state;
-    if (s.length == 0 || !has_room(s, count)) return append_with_growth(s, bytes, count);
-    if (!is_short(count)) return copy_long(take(s, count), bytes, count);
-    copy_short(take(s, count), static_cast<const uint8_t *>(bytes), count);
+    if (!has_room(s, count)) return append_moved(s, bytes, count);
+    memmove(take(s, count), bytes, count);
     return count;
 }
 

@@ -9,6 +9,11 @@
  *     b->send(b, fd, MSG_NOSIGNAL);
  *     b->destroy(b);
  *
+ * Where the C library makes printf a macro (clang with _FORTIFY_SOURCE), write (b->printf)(b, ...).
+ *
+ * Only a buffer that has been drained uses the room of what was read again: one that always keeps a byte grows by all
+ * that goes through it. Drain it, or reset() it, now and then.
+ *
  * Nothing here ends the process for want of memory: a growth that fails says so and changes nothing that was unread.
  * Pointers into the data hold until the next operation that adds, resets or destroys.
  */

@@ -1,65 +1,34 @@
-// Hexadecimal digits, written four bytes at a time, read pair by pair.
+// Bytes as hexadecimal digits and back, MAC addresses among them.
 
 #include <algorithm>
 #include <array>
 #include <cstdio>
 #include <optional>
-#include <vela/core/crypto/block.h>
 #include <vela/core/internal/text.h>
 #include <vela/core/util.h>
 
 namespace
 {
 
-enum class digits : char { upper = 'A', lower = 'a' };
+constexpr char upper_digits[] = "0123456789ABCDEF";
+constexpr char lower_digits[] = "0123456789abcdef";
 
-constexpr char hex_digit(unsigned value, digits letters)
+/// Writes two digits a byte and a NUL.
+void write_hex(char *out, const uint8_t *bytes, size_t count, const char *digits)
 {
-    return static_cast<char>(value < 10 ? '0' + value : static_cast<unsigned>(letters) + value - 10);
-}
-
-template <digits Letters> void write_hex_byte(char *out, uint8_t byte)
-{
-    out[0] = hex_digit(byte >> 4, Letters);
-    out[1] = hex_digit(byte & 0xFU, Letters);
-}
-
-constexpr size_t word_size = 4;
-
-/// Eight digits for four bytes at once: each nibble gets a byte to itself, and those above nine become letters.
-template <digits Letters> void write_hex_word(char *out, const uint8_t *bytes)
-{
-    using words = uint32_t __attribute__((vector_size(sizeof(vela::byte_block))));
-    constexpr uint8_t letters = static_cast<uint8_t>(Letters) - 10;
-
-    uint32_t word;
-    memcpy(&word, bytes, sizeof word);
-    const auto four = reinterpret_cast<vela::byte_block>(words{word});
-    const vela::byte_block nibbles =
-        __builtin_shufflevector(four >> 4, four & 0x0F, 0, 16, 1, 17, 2, 18, 3, 19, 4, 20, 5, 21, 6, 22, 7, 23);
-    const vela::byte_block text = nibbles > 9 ? nibbles + letters : nibbles + '0';
-    memcpy(out, &text, 2 * word_size);
-}
-
-template <digits Letters> void write_hex(char *out, const uint8_t *bytes, size_t count)
-{
-    if (!vela::has_blocks || count < word_size) {
-        for (size_t i = 0; i < count; ++i) write_hex_byte<Letters>(out + 2 * i, bytes[i]);
-        return;
+    for (size_t i = 0; i < count; ++i) {
+        *out++ = digits[bytes[i] >> 4];
+        *out++ = digits[bytes[i] & 0xFU];
     }
-    // The last word is a whole one too: it takes once more what stands before the rest.
-    const size_t last = count - word_size;
-    for (size_t i = 0; i < last; i += word_size) write_hex_word<Letters>(out + 2 * i, bytes + i);
-    write_hex_word<Letters>(out + 2 * last, bytes + last);
+    *out = '\0';
 }
 
-template <digits Letters> size_t hex_text(const uint8_t *bytes, size_t count, char *out, size_t size)
+size_t hex_text(const uint8_t *bytes, size_t count, char *out, size_t size, const char *digits)
 {
     if (!bytes || !out || size == 0 || count > (size - 1) / 2) return 0;
-    write_hex<Letters>(out, bytes, count);
+    write_hex(out, bytes, count, digits);
     const size_t length = 2 * count;
-    out[length] = '\0';
-    if (size > length + 1) memset(out + length, '\0', size - length); // as a rule the buffer is just right
+    memset(out + length, '\0', size - length);
     return count;
 }
 
@@ -68,8 +37,8 @@ constexpr std::array<uint8_t, 256> hex_values = [] {
     std::array<uint8_t, 256> values{};
     values.fill(no_digit);
     for (uint8_t n = 0; n < 16; ++n) {
-        values[static_cast<uint8_t>(hex_digit(n, digits::upper))] = n;
-        values[static_cast<uint8_t>(hex_digit(n, digits::lower))] = n;
+        values[static_cast<uint8_t>(upper_digits[n])] = n;
+        values[static_cast<uint8_t>(lower_digits[n])] = n;
     }
     return values;
 }();
@@ -95,12 +64,12 @@ std::optional<uint8_t> hex_pair(const char *text)
 
 size_t uchar2hex(const uint8_t *bytes, size_t count, char *out, size_t size)
 {
-    return hex_text<digits::upper>(bytes, count, out, size);
+    return hex_text(bytes, count, out, size, upper_digits);
 }
 
 size_t uchar2lowerhex(const uint8_t *bytes, size_t count, char *out, size_t size)
 {
-    return hex_text<digits::lower>(bytes, count, out, size);
+    return hex_text(bytes, count, out, size, lower_digits);
 }
 
 size_t bin2hex(const uint8_t *bytes, size_t count, char *out, size_t size)
@@ -109,8 +78,7 @@ size_t bin2hex(const uint8_t *bytes, size_t count, char *out, size_t size)
     // On purpose: the last byte is not converted.
     const size_t converted = std::min(count - 1, (size - 1) / 2);
     if (converted == 0) return 0;
-    write_hex<digits::lower>(out, bytes, converted);
-    out[2 * converted] = '\0';
+    write_hex(out, bytes, converted, lower_digits);
     return 2 * converted;
 }
 

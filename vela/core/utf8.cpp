@@ -1,9 +1,8 @@
-// UTF-8: how long a character is, and whether it may stand in a text. Sound text is walked sixteen bytes at a time;
-// only around a fault, and at the ends, is it taken character by character. The NUL that ends a text is no continuation
-// byte, so no character is followed past it.
+// UTF-8: how long a character is, and whether it may stand in a text. ASCII is passed over eight bytes at a time. The
+// NUL that ends a text is no continuation byte, so no character is followed past it.
 
 #include <array>
-#include <vela/core/crypto/block.h>
+#include <bit>
 #include <vela/core/internal/text.h>
 #include <vela/core/util.h>
 
@@ -18,35 +17,16 @@ constexpr uint32_t code_point_max = 0x10FFFF;
 /// First code point that needs a form of so many bytes: below it the form is overlong.
 constexpr std::array<uint32_t, 5> shortest{0, 0, 0x80, 0x800, 0x10000};
 
-bool is_ascii_word(const uint8_t *at)
+constexpr size_t word = sizeof(uint64_t);
+
+/// How many of the eight bytes at a place are ASCII, before the first that is not.
+size_t leading_ascii(const uint8_t *at)
 {
-    uint64_t word;
-    memcpy(&word, at, sizeof word);
-    return (word & 0x8080808080808080) == 0;
-}
-
-bool is_ascii_block(const uint8_t *at) { return is_ascii_word(at) && is_ascii_word(at + sizeof(uint64_t)); }
-
-/// Whether a block is sound, given sound text before it: a character may have begun there and may end behind the block.
-/// The Unicode Standard, table 3-7, column by column.
-bool is_sound_block(const uint8_t *at)
-{
-    const vela::byte_block now = vela::load_block(at);
-    const vela::byte_block one_before = vela::load_block(at - 1);
-    const vela::byte_block two_before = vela::load_block(at - 2);
-    const vela::byte_block three_before = vela::load_block(at - 3);
-
-    const auto continues = (now & 0xC0) == 0x80;
-    const auto must_continue = (one_before >= 0xC0) | (two_before >= 0xE0) | (three_before >= 0xF0);
-    const auto never_begins = ((now & 0xFE) == 0xC0) | (now >= 0xF5);
-    const auto overlong = ((one_before == 0xE0) & (now < 0xA0)) | ((one_before == 0xF0) & (now < 0x90));
-    const auto surrogate = (one_before == 0xED) & (now >= 0xA0);
-    const auto beyond = (one_before == 0xF4) & (now >= 0x90);
-
-    const auto faults = (continues ^ must_continue) | never_begins | overlong | surrogate | beyond;
-    uint64_t halves[2];
-    memcpy(halves, &faults, sizeof halves);
-    return (halves[0] | halves[1]) == 0;
+    uint64_t top_bits;
+    memcpy(&top_bits, at, sizeof top_bits);
+    top_bits &= 0x8080808080808080;
+    if (std::endian::native == std::endian::big) top_bits = __builtin_bswap64(top_bits);
+    return static_cast<size_t>(std::countr_zero(top_bits)) / 8;
 }
 
 /// Bytes of the character that a byte begins, as it says itself; 1 also for bytes that begin none.
@@ -60,7 +40,7 @@ size_t announced_length(uint8_t lead)
 
 bool is_continuation(uint8_t byte) { return (byte & 0xC0) == 0x80; }
 
-bool is_continued(const uint8_t *at, size_t length)
+inline bool is_continued(const uint8_t *at, size_t length)
 {
     for (size_t i = 1; i < length; ++i) {
         if (!is_continuation(at[i])) return false;
@@ -68,45 +48,29 @@ bool is_continued(const uint8_t *at, size_t length)
     return true;
 }
 
-uint32_t code_point(const uint8_t *at, size_t length)
+/// Makes a character of so many bytes valid; returns the bytes dealt with.
+template <size_t Length> size_t clean_form(uint8_t *at)
 {
-    uint32_t code = at[0] & (0x7FU >> length);
-    for (size_t i = 1; i < length; ++i) code = code << 6 | (at[i] & 0x3FU);
-    return code;
-}
-
-bool is_character(uint32_t code, size_t length)
-{
-    const bool is_surrogate = code >= surrogates_begin && code < surrogates_end;
-    return code >= shortest[length] && code <= code_point_max && !is_surrogate;
-}
-
-/// Makes the character at a byte outside ASCII valid; returns the bytes dealt with.
-size_t clean_character(uint8_t *at)
-{
-    const size_t length = announced_length(*at);
-    if (length == 1 || !is_continued(at, length)) {
+    if (!is_continued(at, Length)) {
         *at = replacement;
         return 1;
     }
-    if (!is_character(code_point(at, length), length)) memset(at, replacement, length);
-    return length;
+    uint32_t code = *at & (0x7FU >> Length);
+    for (size_t i = 1; i < Length; ++i) code = code << 6 | (at[i] & 0x3FU);
+    const bool is_surrogate = code >= surrogates_begin && code < surrogates_end;
+    if (code < shortest[Length] || code > code_point_max || is_surrogate) memset(at, replacement, Length);
+    return Length;
 }
 
-/// From a place where a character may begin, up to `until` at least; returns the next such place.
-uint8_t *clean(uint8_t *at, const uint8_t *until)
+/// The same for the character at any byte outside ASCII.
+size_t clean_character(uint8_t *at)
 {
-    while (at < until) at += *at < 0x80 ? 1 : clean_character(at);
-    return at;
-}
-
-/// Where the last character before a place begins, in text that is sound up to there.
-uint8_t *last_character(uint8_t *at)
-{
-    do {
-        --at;
-    } while (is_continuation(*at));
-    return at;
+    switch (announced_length(*at)) {
+    case 2: return clean_form<2>(at);
+    case 3: return clean_form<3>(at);
+    case 4: return clean_form<4>(at);
+    default: *at = replacement; return 1;
+    }
 }
 
 } // namespace
@@ -116,14 +80,14 @@ size_t utf8_truncate_len(const char *text, size_t max_characters, size_t max_byt
     if (!text) return 0;
     const auto *bytes = reinterpret_cast<const uint8_t *>(text);
     const size_t end = strnlen(text, max_bytes);
-    constexpr size_t word = sizeof(uint64_t);
 
     size_t n = 0;
     for (size_t left = max_characters; n < end && left != 0;) {
-        if (end - n >= word && left >= word && is_ascii_word(bytes + n)) {
-            n += word;
-            left -= word;
-            continue;
+        if (end - n >= word && left >= word) {
+            const size_t ascii = leading_ascii(bytes + n);
+            n += ascii;
+            left -= ascii;
+            if (ascii == word) continue;
         }
         // The limit comes first: what announces more than fits ends the text, even where one byte of it would be
         // counted.
@@ -137,15 +101,14 @@ size_t utf8_truncate_len(const char *text, size_t max_characters, size_t max_byt
 
 void utf8_sanitize(char *text)
 {
-    if (!text || *text == '\0') return;
-    auto *begin = reinterpret_cast<uint8_t *>(text);
-    const uint8_t *const end = begin + strlen(text);
-
-    uint8_t *at = clean(begin, std::min<const uint8_t *>(begin + 3, end)); // a block looks back three bytes
-    while (vela::has_blocks && static_cast<size_t>(end - at) >= sizeof(vela::byte_block)) {
-        const uint8_t *const next = at + sizeof(vela::byte_block);
-        const bool is_sound = (at[-1] < 0x80 && is_ascii_block(at)) || is_sound_block(at);
-        at = is_sound ? at + sizeof(vela::byte_block) : clean(last_character(at), next);
+    if (!text) return;
+    auto *at = reinterpret_cast<uint8_t *>(text);
+    const uint8_t *const end = at + strlen(text);
+    while (at < end) {
+        if (*at >= 0x80) {
+            at += clean_character(at);
+        } else {
+            at += static_cast<size_t>(end - at) >= word ? leading_ascii(at) : 1;
+        }
     }
-    clean(last_character(at), end);
 }

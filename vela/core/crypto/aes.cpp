@@ -1,4 +1,7 @@
 // AES for callers: the choice of an engine, once, and what it is to do.
+//
+// Engines, in the order in which they are taken: the processor's own AES instructions (aes_x86.cpp, aes_arm.cpp) where
+// it has them, else the portable one (aes_portable.cpp). There are no others.
 
 #include <atomic>
 #include <cstddef>
@@ -23,7 +26,7 @@ const engine &best()
     const engine *e = found.load(std::memory_order_relaxed);
     if (e) return *e;
     e = vela::aes::hardware();
-    if (!e) e = &vela::aes::portable();
+    if (!e) e = &vela::aes::portable;
     found.store(e, std::memory_order_relaxed);
     return *e;
 }
@@ -80,7 +83,9 @@ size_t aes_cbc_generate_iv(uint8_t *iv, uint32_t len) { return gen_rand_bytes(iv
 int aes_cbc_encrypt_128(const uint8_t key[16], const uint8_t iv[16], uint8_t *data, uint32_t len)
 {
     if (len % block_size != 0) return -1;
-    best().cbc_encrypt(key, iv, data, len / block_size);
+    vela::secret<uint32_t[RIJNDAEL_KEY_WORDS]> keys;
+    rijndaelKeySetupEnc(keys.value, key, 128);
+    best().cbc_encrypt(keys.value, iv, data, len / block_size);
     return 0;
 }
 
@@ -88,6 +93,8 @@ int aes_cbc_decrypt_128(const uint8_t key[16], const uint8_t iv[16], uint8_t *da
 {
     // On purpose: nothing to decrypt is an error, although nothing to encrypt is none.
     if (len == 0 || len % block_size != 0) return -1;
-    best().cbc_decrypt(key, iv, data, len / block_size);
+    vela::secret<uint32_t[RIJNDAEL_KEY_WORDS]> keys;
+    rijndaelKeySetupDec(keys.value, key, 128);
+    best().cbc_decrypt(keys.value, iv, data, len / block_size);
     return 0;
 }

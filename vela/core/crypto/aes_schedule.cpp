@@ -6,6 +6,8 @@
 namespace
 {
 
+constexpr uint32_t round_constants[] = {0x01, 0x02, 0x04, 0x08, 0x10, 0x20, 0x40, 0x80, 0x1b, 0x36};
+
 uint32_t big_endian_word(const uint8_t *bytes)
 {
     return uint32_t{bytes[0]} << 24 | uint32_t{bytes[1]} << 16 | uint32_t{bytes[2]} << 8 | bytes[3];

@@ -6,7 +6,6 @@
 #include <cstddef>
 #include <cstring>
 #include <vela/core/crypto.h>
-#include <vela/core/crypto/block.h>
 
 namespace
 {
@@ -31,51 +30,8 @@ uint32_t value_of(char c) { return values[static_cast<uint8_t>(c)]; }
 
 int size_or_error(uint64_t size) { return size <= INT_MAX ? static_cast<int>(size) : -1; }
 
-// Sixteen letters at once, by arithmetic instead of a table.
-
-/// Groups are put together in a word, its first byte lowest.
-constexpr bool has_vectors = vela::has_blocks && std::endian::native == std::endian::little;
-
-using letters = vela::byte_block;
-using groups = uint32_t __attribute__((vector_size(sizeof(letters))));
-
-constexpr int bytes_per_vector = 12;
-
-[[maybe_unused]] inline uint32_t load_group(const uint8_t *in)
-{
-    uint32_t word;
-    memcpy(&word, in, sizeof word);
-    return __builtin_bswap32(word); // three bytes, and one that is not wanted
-}
-
-/// Within a run of the alphabet a letter is its value plus a constant; this is how that changes where a run begins.
-template <const char (&alphabet)[65]> constexpr uint8_t step_at(int value)
-{
-    return static_cast<uint8_t>(alphabet[value] - alphabet[value - 1] - 1);
-}
-
-/// Reads one byte more than it encodes.
-template <const char (&alphabet)[65]> inline void encode_vector(char *out, const uint8_t *in)
-{
-    const groups g = {load_group(in), load_group(in + 3), load_group(in + 6), load_group(in + 9)};
-    const auto v = (letters)(g >> 26 | (g >> 12 & 0x3f00) | (g << 2 & 0x3f0000) | (g << 16 & 0x3f000000));
-    letters text = v + static_cast<uint8_t>(alphabet[0]);
-    text += (letters)(v >= 26) & step_at<alphabet>(26);
-    text += (letters)(v >= 52) & step_at<alphabet>(52);
-    text += (letters)(v >= 62) & step_at<alphabet>(62);
-    text += (letters)(v >= 63) & step_at<alphabet>(63);
-    memcpy(out, &text, sizeof text);
-}
-
 template <const char (&alphabet)[65], bool padded> void encode(char *out, const uint8_t *in, int n)
 {
-    if constexpr (has_vectors) {
-        for (; n > bytes_per_vector; n -= bytes_per_vector) {
-            encode_vector<alphabet>(out, in);
-            in += bytes_per_vector;
-            out += sizeof(letters);
-        }
-    }
     const auto put = [&out](uint32_t bits) { *out++ = alphabet[bits & 63]; };
     for (; n >= 3; n -= 3, in += 3) {
         const uint32_t three = uint32_t{in[0]} << 16 | uint32_t{in[1]} << 8 | in[2];

@@ -1,5 +1,6 @@
 // Sixteen bytes worked on at once, with the compiler's vectors: arithmetic and comparisons byte by byte, a comparison
-// giving all ones or all zeros for each byte.
+// giving all ones or all zeros for each byte. Without such registers the compiler takes them apart again: slow, and
+// the same results.
 #pragma once
 
 #include <cstdint>
@@ -10,19 +11,13 @@ namespace vela
 
 using byte_block = uint8_t __attribute__((vector_size(16)));
 
-/// Whether the processor has such registers; where not, the compiler takes blocks apart again, and plain code is
-/// faster.
-#if defined(__SSE2__) || defined(__ARM_NEON)
-inline constexpr bool has_blocks = true;
-#else
-inline constexpr bool has_blocks = false;
-#endif
-
-inline byte_block load_block(const uint8_t *at)
+inline byte_block load_block(const void *at)
 {
     byte_block bytes;
     memcpy(&bytes, at, sizeof bytes);
     return bytes;
 }
+
+inline void store_block(void *at, byte_block bytes) { memcpy(at, &bytes, sizeof bytes); }
 
 } // namespace vela

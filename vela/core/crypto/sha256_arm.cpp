@@ -1,4 +1,4 @@
-// SHA-256 with the instructions of 64-bit Arm processors.
+// SHA-256 with the instructions of 64-bit Arm processors. The build compiles this file for them.
 
 #if defined(__aarch64__)
 
@@ -6,18 +6,12 @@
 #include <sys/auxv.h>
 #include <vela/core/crypto/sha256.h>
 
-#if defined(__clang__)
-#define with_sha __attribute__((target("sha2")))
-#else
-#define with_sha __attribute__((target("+crypto")))
-#endif
-
 namespace
 {
 
 constexpr unsigned long has_sha2 = 1 << 6; // HWCAP_SHA2, linux/arch/arm64/include/uapi/asm/hwcap.h
 
-with_sha void compress(uint32_t state[8], const uint8_t *blocks, size_t count)
+void compress(uint32_t state[8], const uint8_t *blocks, size_t count)
 {
     uint32x4_t abcd = vld1q_u32(state);
     uint32x4_t efgh = vld1q_u32(state + 4);

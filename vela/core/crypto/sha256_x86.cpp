@@ -1,4 +1,4 @@
-// SHA-256 with the SHA extensions of x86-64 processors.
+// SHA-256 with the SHA extensions of x86-64 processors. The build compiles this file for them.
 
 #if defined(__x86_64__)
 
@@ -6,27 +6,25 @@
 #include <immintrin.h>
 #include <vela/core/crypto/sha256.h>
 
-#define with_sha __attribute__((target("sha,sse4.1,ssse3")))
-
 namespace
 {
 
-with_sha inline __m128i load(const void *from) { return _mm_loadu_si128(static_cast<const __m128i *>(from)); }
-with_sha inline void store(void *to, __m128i words) { _mm_storeu_si128(static_cast<__m128i *>(to), words); }
+inline __m128i load(const void *from) { return _mm_loadu_si128(static_cast<const __m128i *>(from)); }
+inline void store(void *to, __m128i words) { _mm_storeu_si128(static_cast<__m128i *>(to), words); }
 
 /// The instructions want the eight variables as a, b, e, f and c, d, g, h, the first of each on top.
 struct variables {
     __m128i abef, cdgh;
 };
 
-with_sha inline variables load_variables(const uint32_t state[8])
+inline variables load_variables(const uint32_t state[8])
 {
     const __m128i badc = _mm_shuffle_epi32(load(state), 0xb1);
     const __m128i hgfe = _mm_shuffle_epi32(load(state + 4), 0x1b);
     return {_mm_alignr_epi8(badc, hgfe, 8), _mm_blend_epi16(hgfe, badc, 0xf0)};
 }
 
-with_sha inline void store_variables(uint32_t state[8], variables v)
+inline void store_variables(uint32_t state[8], variables v)
 {
     const __m128i feba = _mm_shuffle_epi32(v.abef, 0x1b);
     const __m128i dchg = _mm_shuffle_epi32(v.cdgh, 0xb1);
@@ -34,13 +32,13 @@ with_sha inline void store_variables(uint32_t state[8], variables v)
     store(state + 4, _mm_alignr_epi8(dchg, feba, 8));
 }
 
-with_sha inline void do_four_rounds(variables &v, __m128i words)
+inline void do_four_rounds(variables &v, __m128i words)
 {
     v.cdgh = _mm_sha256rnds2_epu32(v.cdgh, v.abef, words);
     v.abef = _mm_sha256rnds2_epu32(v.abef, v.cdgh, _mm_shuffle_epi32(words, 0x0e));
 }
 
-with_sha void compress(uint32_t state[8], const uint8_t *blocks, size_t count)
+void compress(uint32_t state[8], const uint8_t *blocks, size_t count)
 {
     const __m128i swap = _mm_set_epi8(12, 13, 14, 15, 8, 9, 10, 11, 4, 5, 6, 7, 0, 1, 2, 3);
     variables v = load_variables(state);
