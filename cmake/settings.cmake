@@ -9,5 +9,7 @@ set(VELA_DOH_URL_2 "https://8.8.8.8/dns-query" CACHE STRING "Second DNS-over-HTT
 # Locally administered, hence nobody's: a maker sets its own.
 set(VELA_VENDOR_OUI "0x025656" CACHE STRING "OUI of the chip vendor's nl80211 commands")
 set(VELA_MAKER_OUI "0x02564C" CACHE STRING "OUI of the maker's information element")
+# Where the system's resolvers stand, in the order of asking.
+set(VELA_RESOLV_FILES "/etc/resolv.conf /tmp/resolv.conf.d/resolv.conf.auto" CACHE STRING "Files with nameserver lines, by blanks")
 
 configure_file(${CMAKE_CURRENT_LIST_DIR}/settings.h.in ${PROJECT_BINARY_DIR}/generated/vela/settings.h)

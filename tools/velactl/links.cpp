@@ -1,8 +1,9 @@
-// Interfaces, bridges, neighbours.
+// Interfaces, bridges, neighbours, the way to the internet.
 #include "command.h"
 
 #include <cerrno>
 #include <vela/net/bridge.h>
+#include <vela/net/internet.h>
 #include <vela/net/netif.h>
 
 namespace velactl
@@ -19,8 +20,6 @@ json answer_of(json_t *value, const char *about)
     throw refused(std::string("the kernel did not tell about ") + about, -error);
 }
 
-const json_t *member(const json_t *row, const char *key) { return json_object_get(row, key); }
-
 void copy(const json &row, const char *column, const json_t *from, const char *key)
 {
     json_t *value = json_object_get(from, key);
@@ -30,11 +29,11 @@ void copy(const json &row, const char *column, const json_t *from, const char *k
 std::string addresses_of(const json_t *link)
 {
     std::string text;
-    const json_t *list = member(link, "addresses");
+    const json_t *list = json_object_get(link, "addresses");
     for (size_t i = 0; i < json_array_size(list); ++i) {
         const json_t *one = json_array_get(list, i);
-        text += (i != 0 ? ", " : "") + std::string(json_string_value(member(one, "address"))) + "/" +
-                std::to_string(json_integer_value(member(one, "prefix")));
+        text += (i != 0 ? ", " : "") + std::string(json_string_value(json_object_get(one, "address"))) + "/" +
+                std::to_string(json_integer_value(json_object_get(one, "prefix")));
     }
     return text.empty() ? "-" : text;
 }
@@ -86,12 +85,28 @@ json neighbours(arguments given)
     return answer_of(vela_neighbour_json(0, ifname), ifname ? ifname : "neighbours");
 }
 
+json internet(arguments)
+{
+    json all = answer_of(vela_internet_json(), "the way to the internet");
+    if (chosen.as_json) return all;
+    json rows{json_array()};
+    for (const char *family : {"ipv4", "ipv6"}) {
+        const json part{json_incref(json_object_get(all.get(), family))};
+        copy(all, family, part.get(), "reason");
+        const json_t *routes = json_object_get(part.get(), "routes");
+        for (size_t i = 0; i < json_array_size(routes); ++i) append(rows, json{json_incref(json_array_get(routes, i))});
+    }
+    set(all, "routes", std::move(rows));
+    return all;
+}
+
 constexpr command commands[] = {
     {"links", "", "interfaces and their addresses", 0, 0, links, answer::rows},
     {"link", "INTERFACE", "one interface, with its counters", 1, 1, link, answer::object},
     {"bridge", "[BRIDGE]", "a bridge's ports", 0, 1, ports, answer::rows},
     {"fdb", "[BRIDGE]", "hardware addresses and the ports of a bridge behind which they are", 0, 1, fdb, answer::rows},
     {"neighbours", "[INTERFACE]", "hardware addresses of IPv4 and IPv6 neighbours", 0, 1, neighbours, answer::rows},
+    {"internet", "", "how far the default routes lead, and why not further", 0, 0, internet, answer::object},
 };
 
 } // namespace

@@ -280,7 +280,7 @@ int vela_bridge_port_foreach(const char *bridge, vela_bridge_port_callback each,
 {
     if (!is_name(bridge) || !each) return -EINVAL;
     raw_netlink::channel kernel{NETLINK_ROUTE};
-    bridge_link link;
+    bridge_link link = {};
     if (const int failed = find_bridge(kernel, bridge, link); failed < 0) return failed;
 
     ifinfomsg wanted = {};
@@ -300,7 +300,7 @@ int vela_fdb_foreach(const char *bridge, vela_fdb_callback each, void *arg)
 {
     if (!is_name(bridge) || !each) return -EINVAL;
     raw_netlink::channel kernel{NETLINK_ROUTE};
-    bridge_link link;
+    bridge_link link = {};
     vela::link_names ports;
     if (const int failed = find_bridge(kernel, bridge, link); failed < 0) return failed;
     if (const int failed = ports.read(kernel, link.index); failed < 0) return failed;

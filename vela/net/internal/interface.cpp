@@ -24,6 +24,13 @@ uint32_t interface_query::index(const char *ifname) const
     return ioctl(fd_.get(), SIOCGIFINDEX, &request) < 0 ? 0 : static_cast<uint32_t>(request.ifr_ifindex);
 }
 
+unsigned interface_query::flags(const char *ifname) const
+{
+    ifreq request = {};
+    copy_text(request.ifr_name, view(ifname));
+    return ioctl(fd_.get(), SIOCGIFFLAGS, &request) < 0 ? 0 : static_cast<uint16_t>(request.ifr_flags);
+}
+
 interface_query::mode interface_query::link_mode(const char *ifname)
 {
     union {

@@ -17,6 +17,8 @@ public:
     bool name(uint32_t index, char (&name)[IF_NAMESIZE]) const;
     /// The index of an interface; 0 when there is none of that name, or the name cannot be one.
     [[nodiscard]] uint32_t index(const char *ifname) const;
+    /// IFF_...; 0 when there is no such interface.
+    [[nodiscard]] unsigned flags(const char *ifname) const;
     /// As get_ethtool_link_status().
     [[nodiscard]] int link(const char *ifname) const;
 
