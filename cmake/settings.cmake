@@ -6,6 +6,12 @@ set(VELA_TRACE_URL_DEV "https://trace-dev.vela.example" CACHE STRING "Trace serv
 # By address, so that finding the resolver needs no resolver.
 set(VELA_DOH_URL_1 "https://1.1.1.1/dns-query" CACHE STRING "First DNS-over-HTTPS resolver")
 set(VELA_DOH_URL_2 "https://8.8.8.8/dns-query" CACHE STRING "Second DNS-over-HTTPS resolver")
+set(VELA_BUS_NETWORK "network.interface" CACHE STRING "Bus object of the network daemon")
+set(VELA_BUS_SERVICE "service" CACHE STRING "Bus object of the service manager")
+set(VELA_BUS_POWER "vela.power" CACHE STRING "Bus object that tells of supplies and outlets")
+set(VELA_BUS_PORTAL "vela.portal" CACHE STRING "Bus object of the guest portal")
+set(VELA_DHCP_LEASE_FILE "/var/run/dhcp-%s.lease" CACHE STRING "Where the DHCP client notes the lease of an interface")
+set(VELA_POWER_HWMON "" CACHE STRING "Names of hardware-monitor chips that measure the supply, with blanks between them")
 # Locally administered, hence nobody's: a maker sets its own.
 set(VELA_VENDOR_OUI "0x025656" CACHE STRING "OUI of the chip vendor's nl80211 commands")
 set(VELA_MAKER_OUI "0x02564C" CACHE STRING "OUI of the maker's information element")

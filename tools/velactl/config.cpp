@@ -1,6 +1,8 @@
 // The device's configuration.
 #include "command.h"
 
+#include <algorithm>
+#include <strings.h>
 #include <vela/config/cfg.h>
 
 namespace velactl
@@ -25,13 +27,34 @@ config load(const std::string &path)
     return loaded;
 }
 
-json rows(const cfg_entry *entries)
+/// The last part of a key tells what its value is: "wireless.1.security.psk". These unlock something.
+constexpr std::string_view secret_words[] = {"psk",    "key",    "password", "passphrase",
+                                             "secret", "passwd", "token",    "pin"};
+constexpr const char *masked = "********";
+constexpr option show_secrets = {"--secrets", "", "show keys and passwords, which are masked otherwise"};
+constexpr option secret_options[] = {show_secrets};
+
+bool is_secret(std::string_view key)
+{
+    const std::string_view last = key.substr(key.rfind('.') + 1); // npos + 1 is 0
+    return std::any_of(std::begin(secret_words), std::end(secret_words), [last](std::string_view word) {
+        return last.size() >= word.size() &&
+               strncasecmp(last.data() + last.size() - word.size(), word.data(), word.size()) == 0;
+    });
+}
+
+const char *shown(const char *key, const char *value, const arguments &given)
+{
+    return value && is_secret(key) && !given.has(show_secrets.name) ? masked : value;
+}
+
+json rows(const cfg_entry *entries, const arguments &given)
 {
     json result{json_array()};
     for (const cfg_entry *e = entries; e; e = e->next) {
         json row = object();
         set(row, "key", e->key);
-        set(row, "value", e->value);
+        set(row, "value", shown(e->key, e->value, given));
         append(result, std::move(row));
     }
     return result;
@@ -49,14 +72,14 @@ json list(arguments given)
 {
     const config c = load(chosen.config_path);
     const iterator matches{get_cfg_it(c.get(), 0, "%s", given.empty() ? "" : given[0])};
-    return rows(matches.get());
+    return rows(matches.get(), given);
 }
 
 json section(arguments given)
 {
     const config c = load(chosen.config_path);
     const iterator matches{get_cfg_section(c.get(), given.size() > 1 ? given[1] : nullptr, nullptr, "%s", given[0])};
-    return rows(matches.get());
+    return rows(matches.get(), given);
 }
 
 json diff(arguments given)
@@ -68,18 +91,32 @@ json diff(arguments given)
     for (const cfg_entry *e = changes.get(); e; e = e->next) {
         json row = object();
         set(row, "key", e->key);
-        set(row, "old", get_value(older.get(), nullptr, "%s", e->key));
-        set(row, "new", get_value(newer.get(), nullptr, "%s", e->key));
+        const bool stays = get_value(newer.get(), nullptr, "%s", e->key) != nullptr;
+        const char *before = stays ? get_value(older.get(), nullptr, "%s", e->key) : e->value;
+        set(row, "old", shown(e->key, before, given));
+        set(row, "new", shown(e->key, stays ? e->value : nullptr, given));
         append(result, std::move(row));
     }
     return result;
 }
 
+constexpr field entry_fields[] = {
+    {"key", kind::text, "the whole key"},
+    {"value", kind::text, "its value; masked for keys and passwords"},
+};
+constexpr field change_fields[] = {
+    {"key", kind::text, "a key whose value differs"},
+    {"old", kind::text, "its value in OLD; null where it has none"},
+    {"new", kind::text, "its value in NEW; null where it has none"},
+};
+
 constexpr command commands[] = {
-    {"get", "KEY [DEFAULT]", "one value", 1, 2, get},
-    {"list", "[PREFIX]", "the entries, or those whose key begins so", 0, 1, list},
-    {"section", "PREFIX [.POSTFIX]", "numbered elements: section radio. .mode", 1, 2, section},
-    {"diff", "OLD NEW", "what changed between two files", 2, 2, diff},
+    {"get", "KEY [DEFAULT]", "one value", 1, 2, get, answer::text},
+    {"list", "[PREFIX]", "the entries, or those whose key begins so", 0, 1, list, answer::rows, entry_fields,
+     secret_options},
+    {"section", "PREFIX [.POSTFIX]", "numbered elements: section radio. .mode", 1, 2, section, answer::rows,
+     entry_fields, secret_options, "A prefix wants its final dot: \"radio\" does not match radio.1.mode."},
+    {"diff", "OLD NEW", "what changed between two files", 2, 2, diff, answer::rows, change_fields, secret_options},
 };
 
 } // namespace

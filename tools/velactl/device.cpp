@@ -61,9 +61,9 @@ json ports(arguments)
         json row = object();
         set(row, "port", p->port_id);
         set(row, "phy", p->phy_index);
-        set(row, "interface", p->name ? p->name : "-");
+        set(row, "interface", p->name);
         set(row, "media", board_get_phy_port_media(p));
-        set(row, "label", p->label ? p->label : "-");
+        set(row, "label", p->label);
         set_flag(row, "main", p == get_main_phy());
         append(result, std::move(row));
     }
@@ -118,7 +118,7 @@ json status_of_device(arguments)
     const int stage = get_brix_env(nullptr);
     json result = object();
     set(result, "version", version);
-    set(result, "manufacturer_id", get_manufid());
+    set(result, "manufacturer_id", hexadecimal(get_manufid(), 4));
     set(result, "stage", stage >= 0 && stage <= 2 ? stages[stage] : "?");
     set(result, "uptime", up);
     set(result, "uptime_s", static_cast<long long>(seconds));
@@ -126,11 +126,48 @@ json status_of_device(arguments)
     return result;
 }
 
+constexpr field board_fields[] = {
+    {"model", kind::text, "its name"},
+    {"code", kind::text, "its short code"},
+    {"system_id", kind::text, "hexadecimal"},
+    {"revision", kind::number, "of the board"},
+    {"serial", kind::text, "the base MAC address"},
+    {"cpu_id", kind::text, "hexadecimal"},
+    {"poe_budget_w", kind::number, "for its outlets, in watts"},
+    {"outdoor", kind::flag, "may be mounted outside"},
+    {"needs_afc_for_6ghz", kind::flag, "6 GHz wants a frequency coordination"},
+    {"wifi_cap", kind::text, "capability bits, hexadecimal"},
+    {"wifi_cap2", kind::text, "further ones"},
+    {"radios", kind::list, "interface names"},
+};
+constexpr field port_fields[] = {
+    {"port", kind::number, "its id"},      {"phy", kind::number, "its PHY"},
+    {"interface", kind::text, "its name"}, {"media", kind::text, "GE, 10GE, SFP+ ..."},
+    {"label", kind::text, "as printed"},   {"main", kind::flag, "the one that leads up"},
+};
+constexpr field status_fields[] = {
+    {"version", kind::text, "of the firmware"},
+    {"manufacturer_id", kind::text, "hexadecimal"},
+    {"stage", kind::text, "production, staging or development"},
+    {"uptime", kind::text, "for people"},
+    {"uptime_s", kind::number, "in seconds"},
+    {"local_time", kind::text, "of the device"},
+};
+
 constexpr command commands[] = {
-    {"board", "", "model, system id, radios, power", 0, 0, board},
-    {"ports", "", "Ethernet ports of the board", 0, 0, ports},
-    {"family", "", "which model families it belongs to", 0, 0, family},
-    {"status", "", "firmware, stage, uptime, time", 0, 0, status_of_device},
+    {"board", "", "model, system id, radios, power", 0, 0, board, answer::object, board_fields},
+    {"ports", "", "Ethernet ports of the board", 0, 0, ports, answer::rows, port_fields},
+    {"family",
+     "",
+     "which model families it belongs to",
+     0,
+     0,
+     family,
+     answer::object,
+     {},
+     {},
+     "One flag for each family."},
+    {"status", "", "firmware, stage, uptime, time", 0, 0, status_of_device, answer::object, status_fields},
 };
 
 } // namespace

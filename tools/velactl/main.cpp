@@ -17,6 +17,7 @@ constexpr group all_groups[] = {
     {"The device", device_commands},
     {"Its configuration", config_commands},
     {"Daemons and services", service_commands},
+    {"What the daemons provide", provider_commands},
     {"The network", network_commands},
     {"Interfaces and their neighbours", link_commands},
     {"Radios and the mesh", wireless_commands},

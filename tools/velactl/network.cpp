@@ -1,6 +1,8 @@
 // Gateway, neighbours, addresses.
 #include "command.h"
 
+#include <cstdlib>
+#include <unistd.h>
 #include <vela/board/board.h>
 #include <vela/net/bridge.h>
 #include <vela/net/gateway.h>
@@ -13,6 +15,14 @@ namespace
 {
 
 constexpr int ports_max = 32;
+
+/// Why no port was found: what a person would look at next.
+const char *missing_port(const char *bridge, int candidates)
+{
+    if (access((std::string("/sys/class/net/") + bridge).c_str(), F_OK) != 0) return "there is no such bridge";
+    if (candidates == 0) return "neither the board nor the kernel names a wired port";
+    return "no port with a link leads to the gateway; velactl why gateway tells more";
+}
 
 json gateway(arguments given)
 {
@@ -31,14 +41,22 @@ json gateway(arguments given)
     const int count = gateway_enum_eth_all(board_identify(), candidates, ports_max);
     char port[16];
     const char *bridge = given.empty() ? "br0" : given[0];
-    if (gateway_detect_uplink(bridge, candidates, count, port, sizeof port) == 0) set(result, "port", port);
+    if (gateway_detect_uplink(bridge, candidates, count, port, sizeof port) == 0) {
+        set(result, "port", port);
+    } else {
+        set(result, "without_port", missing_port(bridge, count));
+    }
     return result;
 }
 
 json lldp(arguments)
 {
     json neighbours{vela_get_lldp_json()};
-    if (!neighbours) throw trouble(status::unavailable, "lldpcli gave no answer; is the LLDP daemon running?");
+    if (!neighbours) throw trouble(status::late, "lldpcli gave no answer in time, or is not installed");
+    // No neighbour and no daemon look alike to the library; the client's exit status tells them apart.
+    if (json_array_size(neighbours.get()) == 0 && system("lldpcli show configuration >/dev/null 2>&1") != 0) {
+        throw trouble(status::unavailable, "the LLDP daemon is not running");
+    }
     return neighbours;
 }
 
@@ -59,10 +77,35 @@ json show_url(arguments given)
     return result;
 }
 
+constexpr field gateway_fields[] = {
+    {"gateway", kind::text, "address of the default gateway"},
+    {"mac", kind::text, "its hardware address"},
+    {"device", kind::text, "the uplink device"},
+    {"port", kind::text, "the wired port towards it"},
+    {"without_port", kind::text, "why there is no port"},
+};
+constexpr field lldp_fields[] = {
+    {"local_port_name", kind::text, "the interface that heard it"},
+    {"is_wired", kind::flag, "whether that is a port of the board"},
+    {"local_port_idx", kind::number, "that port's id"},
+    {"chassis_id", kind::text, "the neighbour"},
+    {"chassis_descr", kind::text, "what it says of itself"},
+    {"port_id", kind::text, "its port"},
+    {"port_descr", kind::text, "what it says of that"},
+};
+constexpr field url_fields[] = {
+    {"url", kind::text, "the whole"},
+    {"scheme", kind::text, "http, https, ws, wss or stun"},
+    {"userinfo", kind::text, "before the @"},
+    {"host", kind::text, "name or address"},
+    {"port", kind::text, "as written, or the scheme's"},
+    {"path", kind::text, "from the first / on"},
+};
+
 constexpr command commands[] = {
-    {"gateway", "[BRIDGE]", "default gateway and the port towards it", 0, 1, gateway},
-    {"lldp", "", "neighbours on the wire", 0, 0, lldp},
-    {"url", "URL", "a URL's parts", 1, 1, show_url},
+    {"gateway", "[BRIDGE]", "default gateway and the port towards it", 0, 1, gateway, answer::object, gateway_fields},
+    {"lldp", "", "neighbours on the wire", 0, 0, lldp, answer::rows, lldp_fields},
+    {"url", "URL", "a URL's parts", 1, 1, show_url, answer::object, url_fields},
 };
 
 } // namespace

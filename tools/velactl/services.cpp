@@ -2,9 +2,12 @@
 #include "command.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <fstream>
 #include <iterator>
 #include <sstream>
+#include <unistd.h>
 #include <vela/ipc/ctrl-proto.h>
 #include <vela/telemetry/crash.h>
 #include <vela/telemetry/trace.h>
@@ -14,13 +17,22 @@ namespace velactl
 namespace
 {
 
+constexpr int patience_s = 5;
+
 json op(arguments given)
 {
-    const timeval timeout = {5, 0};
+    const timeval timeout = {patience_s, 0};
+    const auto start = std::chrono::steady_clock::now();
+    errno = 0;
     json reply{service_simple_op(given[0], &timeout)};
-    if (!reply)
-        throw trouble(status::failed, "the management daemon gave no answer to this; velactl -v op ... says why");
-    return reply;
+    if (reply) return reply;
+    const int reason = errno;
+    if (access("/tmp/.mgrd", F_OK) != 0)
+        throw trouble(status::unavailable, "the management daemon is not running", reason);
+    if (std::chrono::steady_clock::now() - start >= std::chrono::seconds(patience_s)) {
+        throw trouble(status::late, "the management daemon gave no answer in " + std::to_string(patience_s) + " s");
+    }
+    throw trouble(status::failed, "the management daemon gave no answer to this; velactl -v op ... says why", reason);
 }
 
 std::string read_dump(const char *path)
@@ -81,9 +93,27 @@ json trace(arguments given)
 }
 
 constexpr command commands[] = {
-    {"op", "NAME", "ask the management daemon", 1, 1, op},
-    {"crash", "KIND NAME PID SIGNAL [DUMP]", "send a crash report, if any may be sent", 4, 5, crash},
-    {"trace", "NAMESPACE TYPE PAYLOAD", "send one telemetry trace", 3, 3, trace},
+    {"op", "NAME", "ask the management daemon", 1, 1, op, answer::any, {}, {}, "Its answer is shown as it is."},
+    {"crash",
+     "KIND NAME PID SIGNAL [DUMP]",
+     "send a crash report, if any may be sent",
+     4,
+     5,
+     crash,
+     answer::nothing,
+     {},
+     {},
+     "KIND is core-dump, app-crash, oom-kill, ram-dump or minidump."},
+    {"trace",
+     "NAMESPACE TYPE PAYLOAD",
+     "send one telemetry trace",
+     3,
+     3,
+     trace,
+     answer::nothing,
+     {},
+     {},
+     "PAYLOAD is a JSON object."},
 };
 
 } // namespace
