@@ -20,10 +20,12 @@ target_compile_options(vela_rules INTERFACE
     $<$<CONFIG:Release>:-O2>
     $<$<COMPILE_LANGUAGE:CXX>:-fvisibility-inlines-hidden -fno-exceptions -fno-rtti -fno-threadsafe-statics>)
 # 64-bit times and offsets on 32-bit targets too: vl_now is exported, its size is a contract.
-target_compile_definitions(vela_rules INTERFACE _GNU_SOURCE _FILE_OFFSET_BITS=64)
+# The library's users are told the same.
+set(VELA_WIDE_TYPES "")
 if(CMAKE_SIZEOF_VOID_P EQUAL 4)
-    target_compile_definitions(vela_rules INTERFACE _TIME_BITS=64)
+    set(VELA_WIDE_TYPES _FILE_OFFSET_BITS=64 _TIME_BITS=64)
 endif()
+target_compile_definitions(vela_rules INTERFACE _GNU_SOURCE _FILE_OFFSET_BITS=64 ${VELA_WIDE_TYPES})
 target_include_directories(vela_rules INTERFACE ${PROJECT_SOURCE_DIR} ${PROJECT_BINARY_DIR}/generated)
 if(NOT VELA_SANITIZE)
     target_compile_options(vela_rules INTERFACE $<$<CONFIG:Release>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>)

@@ -2,6 +2,8 @@
 include(CMakePackageConfigHelpers)
 # From where the pkg-config file lies to the prefix, so that the tree can be installed and moved anywhere.
 file(RELATIVE_PATH VELA_PC_TO_PREFIX /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
+list(TRANSFORM VELA_WIDE_TYPES PREPEND " -D" OUTPUT_VARIABLE VELA_PC_DEFINITIONS)
+string(JOIN "" VELA_PC_DEFINITIONS ${VELA_PC_DEFINITIONS})
 configure_file(${CMAKE_CURRENT_LIST_DIR}/vela.pc.in ${PROJECT_BINARY_DIR}/vela.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/vela.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 

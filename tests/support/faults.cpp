@@ -1,3 +1,5 @@
+// The calls that fail on demand, under the names by which the library asks for them.
+#define _FILE_OFFSET_BITS 64 // as the library: ftruncate is ftruncate64 then
 #include "tests/support/faults.h"
 
 #include <cerrno>
@@ -36,6 +38,9 @@ thread_local countdown memory;
 countdown calls[static_cast<size_t>(faults::call::count_)];
 
 countdown &fault(faults::call which) { return calls[static_cast<size_t>(which)]; }
+
+// 32-bit programs with 64-bit times have these by another name.
+constexpr bool is_narrow = sizeof(long) == 4;
 
 template <class Function> Function *real(const char *name)
 {
@@ -97,13 +102,9 @@ int bind(int fd, const sockaddr *address, socklen_t length)
 }
 int setsockopt(int fd, int level, int option, const void *value, socklen_t length)
 {
-    static auto *const next = real<int(int, int, int, const void *, socklen_t)>("setsockopt");
+    static auto *const next =
+        real<int(int, int, int, const void *, socklen_t)>(is_narrow ? "__setsockopt64" : "setsockopt");
     return fault(faults::call::setsockopt).fails() ? -1 : next(fd, level, option, value, length);
-}
-int mkstemp(char *path)
-{
-    static auto *const next = real<int(char *)>("mkstemp");
-    return fault(faults::call::mkstemp).fails() ? -1 : next(path);
 }
 int flock(int fd, int operation)
 {
@@ -112,13 +113,7 @@ int flock(int fd, int operation)
 }
 int ftruncate(int fd, off_t length)
 {
-    static auto *const next = real<int(int, off_t)>("ftruncate");
-    return fault(faults::call::ftruncate).fails() ? -1 : next(fd, length);
-}
-// Built for 64-bit offsets, the library asks for this name.
-int ftruncate64(int fd, off64_t length)
-{
-    static auto *const next = real<int(int, off64_t)>("ftruncate64");
+    static auto *const next = real<int(int, off_t)>("ftruncate64");
     return fault(faults::call::ftruncate).fails() ? -1 : next(fd, length);
 }
 int uname(utsname *name)
@@ -128,7 +123,7 @@ int uname(utsname *name)
 }
 int clock_gettime(clockid_t clock, timespec *time)
 {
-    static auto *const next = real<int(clockid_t, timespec *)>("clock_gettime");
+    static auto *const next = real<int(clockid_t, timespec *)>(is_narrow ? "__clock_gettime64" : "clock_gettime");
     return fault(faults::call::clock_gettime).fails() ? -1 : next(clock, time);
 }
 ssize_t write(int fd, const void *data, size_t size)

@@ -24,20 +24,7 @@ public:
     [[nodiscard]] bool happened() const; ///< whether an allocation was refused
 };
 
-enum class call {
-    fork,
-    socket,
-    bind,
-    setsockopt,
-    mkstemp,
-    flock,
-    ftruncate,
-    uname,
-    clock_gettime,
-    write,
-    send,
-    count_
-};
+enum class call { fork, socket, bind, setsockopt, flock, ftruncate, uname, clock_gettime, write, send, count_ };
 
 /// While it lives, the n-th such call from now fails with the given errno; with `all`, all after it too.
 class refuse

@@ -9,6 +9,7 @@
 #ifndef VELA_CORE_JSON_H
 #define VELA_CORE_JSON_H
 
+#include <assert.h>
 #include <jansson.h>
 #include <stddef.h>
 #include <stdint.h>
@@ -19,6 +20,9 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+
+/* The library is built with 64-bit times everywhere; pkg-config and CMake tell its programs to be. */
+static_assert(sizeof(time_t) == 8, "compile with -D_TIME_BITS=64 -D_FILE_OFFSET_BITS=64");
 
 /** The last reading of the monotonic clock; only vela_grab_ts() and vela_set_ts() write it. */
 extern VELA_API struct timespec vl_now;
