@@ -97,6 +97,7 @@ extern const std::span<const group> groups;
 
 // Commands, by source.
 extern const std::span<const command> device_commands;
+extern const std::span<const command> monitor_commands;
 extern const std::span<const command> config_commands;
 extern const std::span<const command> service_commands;
 extern const std::span<const command> provider_commands;

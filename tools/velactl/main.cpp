@@ -15,6 +15,7 @@ namespace velactl
 
 constexpr group all_groups[] = {
     {"The device", device_commands},
+    {"What it is doing", monitor_commands},
     {"Its configuration", config_commands},
     {"Daemons and services", service_commands},
     {"What the daemons provide", provider_commands},

@@ -240,6 +240,8 @@ void print_json(const command &c, json answer, size_t flags)
 
 void show(const command &c, json answer)
 {
+    const bool followed = !answer && (c.gives == velactl::answer::rows || c.gives == velactl::answer::object);
+    if (followed) return; // every line was shown as it came
     complete_all(c, answer);
     if (chosen.as_json) return print_json(c, std::move(answer), JSON_INDENT(2));
     if (answer) print(answer.get());

@@ -1,0 +1,261 @@
+// On a fresh procfs of this world, against ps, with children that are called, stopped and ended as the test likes.
+#include "site/world.h"
+#include "tests/support/json.h"
+#include "tests/support/leaks.h"
+#include "tests/support/table.h"
+
+#include <csignal>
+#include <fcntl.h>
+#include <functional>
+#include <grp.h>
+#include <map>
+#include <sched.h>
+#include <sstream>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vela/board/status.h>
+#include <vela/monitor/process.h>
+
+namespace
+{
+
+void mount_proc(const char *options = "") { ASSERT_EQ(0, mount("proc", "/proc", "proc", 0, options)); }
+
+/// A child that is called so, and rests after its work until the test ends.
+struct child {
+    explicit child(
+        const std::string &name, const std::function<void()> &work = [] {})
+        : pid{fork()}
+    {
+        if (pid == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            prctl(PR_SET_NAME, name.c_str());
+            work();
+            for (;;) pause();
+        }
+        usleep(50'000);
+    }
+    child(const child &) = delete;
+    child &operator=(const child &) = delete;
+    ~child()
+    {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+    }
+    const pid_t pid;
+};
+
+struct listing {
+    explicit listing(uint32_t wants = 0)
+        : result{vela_process_foreach(
+              wants,
+              [](const vela_process *p, void *arg) {
+                  EXPECT_TRUE(static_cast<listing *>(arg)->processes.emplace(p->pid, *p).second) << p->pid << " twice";
+                  return 0;
+              },
+              this)}
+    {
+    }
+    std::map<int32_t, vela_process> processes;
+    int result;
+};
+
+vela_process get(pid_t pid, uint32_t wants = 0)
+{
+    vela_process p = {};
+    EXPECT_EQ(0, vela_process_get(pid, wants, &p)) << pid;
+    return p;
+}
+
+} // namespace
+
+TEST(Process, AgreesWithPs)
+{
+    mount_proc();
+    const child stopped("stopped", [] { raise(SIGSTOP); }), ended("ended", [] { _exit(0); });
+    const child sleeping("", [] { execlp("sleep", "sleep", "1000", nullptr); });
+    const child busy("busy", [] {
+        std::thread([] { pause(); }).detach();
+        memset(malloc(20 << 20), 1, 20 << 20);
+        while (clock() < CLOCKS_PER_SEC * 6 / 5) {}
+    });
+    (void)!setpriority(PRIO_PROCESS, busy.pid, -5);
+    while (get(busy.pid).state != 'S' || get(busy.pid).cpu_ms < 1100) usleep(50'000);
+    const listing ours{VELA_PROCESS_CMDLINE};
+    std::istringstream ps(site::output_of("ps -eo pid=,ppid=,euid=,nlwp=,s=,rss=,vsz=,cputimes=,etimes=,args="));
+    const unsigned uptime = get_uptime_from_proc();
+    int compared = 0;
+    for (std::string line; std::getline(ps, line);) {
+        std::istringstream fields(line);
+        vela_process p = {};
+        uint64_t cpu_s = 0, elapsed_s = 0;
+        std::string args;
+        fields >> p.pid >> p.ppid >> p.uid >> p.threads >> p.state >> p.rss_kb >> p.virtual_kb >> cpu_s >> elapsed_s;
+        std::getline(fields >> std::ws, args);
+        const auto found = ours.processes.find(p.pid);
+        if (found == ours.processes.end() || p.pid == getpid()) continue;
+        const vela_process &q = found->second;
+        EXPECT_EQ(std::tie(p.ppid, p.uid, p.threads, p.state), std::tie(q.ppid, q.uid, q.threads, q.state)) << line;
+        EXPECT_EQ(std::tie(p.rss_kb, p.virtual_kb), std::tie(q.rss_kb, q.virtual_kb)) << line;
+        EXPECT_EQ(cpu_s, q.cpu_ms / 1000) << line;
+        EXPECT_NEAR(elapsed_s, uptime - q.start_ms / 1000, 1) << line;
+        EXPECT_EQ(args,
+                  *q.cmdline ? q.cmdline : "[" + std::string(q.name) + "]" + (q.state == 'Z' ? " <defunct>" : ""));
+        ++compared;
+    }
+    EXPECT_GE(compared, 4);
+    EXPECT_EQ(static_cast<size_t>(ours.result), ours.processes.size());
+}
+
+TEST(Process, NamesAndCommandLinesHoldAnything)
+{
+    mount_proc();
+    for (const std::string name :
+         {"a) R 1 (b", "two words", "line\nfeed", "back\\slash\\n", "(", ")", "\xc3\xa9t\xff"}) {
+        const child called(name);
+        EXPECT_EQ(name, get(called.pid).name);
+    }
+    const auto x = [](size_t n) { return std::string(n, 'x'); };
+    for (const auto &[first, whole] : table<std::string, std::string>{{"", " 1000"},
+                                                                      {"a b\n\x1b[2J\x7f", "a b??[2J? 1000"},
+                                                                      {x(300), x(255)},
+                                                                      {x(254) + "\xc3\xa9", x(254)},
+                                                                      {x(253) + "\xc3\xa9", x(253) + "\xc3\xa9"}}) {
+        const child called("", [&first = first] { execl("/bin/sleep", first.c_str(), "1000", nullptr); });
+        EXPECT_EQ(whole, get(called.pid, VELA_PROCESS_CMDLINE).cmdline);
+        EXPECT_STREQ("", get(called.pid).cmdline) << "not asked for";
+    }
+    const child called("\xe9", [] { execl("/bin/sleep", "\xe9", "1000", nullptr); });
+    const vela::json_ref all{vela_process_json(VELA_PROCESS_CMDLINE)};
+    std::string last;
+    for (size_t i = 0; i < json_array_size(all.get()); ++i) {
+        const json_t *p = json_array_get(all.get(), i);
+        if (json_integer_value(json_object_get(p, "pid")) == called.pid) last = dumped(p);
+    }
+    EXPECT_NE(std::string::npos, last.find(R"({"cmdline":"? 1000","cpu_ms":0,"name":"sleep","pid":)")) << last;
+    EXPECT_EQ(std::string::npos, last.find("fds")) << "not asked for";
+}
+
+TEST(Process, StatThatIsNone)
+{
+    ASSERT_EQ(0, mount("empty", "/proc", "tmpfs", 0, ""));
+    EXPECT_EQ(0, listing().result);
+    vela_process p = {};
+    EXPECT_EQ(-ENOENT, vela_process_get(1, 0, &p));
+    const std::string rest = " S 1 2 3 4 5 6 7 8 9 10 150 50 13 14 15 16 2 18 100 8192 21";
+    site::put_file("/proc/7/statm", "3 2 1\n");
+    for (const auto &[text, result] : table<std::string, int>{{"7 (a)" + rest, 0},
+                                                              {"7 (a)" + rest.substr(0, rest.size() - 8), -ENOENT},
+                                                              {"7 a" + rest, -ENOENT},
+                                                              {"7 )a(" + rest, -ENOENT},
+                                                              {"7 (a) SS" + rest.substr(2), -ENOENT},
+                                                              {"99999999999 (a)" + rest, -ENOENT},
+                                                              {"", -ENOENT}}) {
+        site::put_file("/proc/7/stat", text);
+        EXPECT_EQ(result, vela_process_get(7, 0, &p)) << text;
+        EXPECT_EQ(result == 0 ? 1 : 0, listing().result) << text;
+    }
+    EXPECT_EQ(std::make_tuple(7, 1, 2U, 2000U, 1000U, 8U),
+              std::tie(p.pid, p.ppid, p.threads, p.cpu_ms, p.start_ms, p.virtual_kb));
+    for (const auto &[pid, wants, out] :
+         table<int, uint32_t, vela_process *>{{0, 0, &p}, {-1, 0, &p}, {7, 4, &p}, {7, 0, nullptr}})
+        EXPECT_EQ(-EINVAL, vela_process_get(pid, wants, out));
+    EXPECT_EQ(-EINVAL, vela_process_foreach(0, nullptr, nullptr));
+    umount("/proc"); // the leak sanitizer reads the world's own
+}
+
+TEST(Process, WhatIsNotOursToSee)
+{
+    mount_proc();
+    const child closed("closed", [] { close_range(0, ~0U, 0); }), mine("mine", [] {
+        (void)!setgid(65534), (void)!setuid(65534);
+        execlp("sleep", "sleep", "1000", nullptr);
+    });
+    EXPECT_EQ(0U, get(closed.pid, VELA_PROCESS_FDS).fds);
+    EXPECT_EQ(65534U, get(mine.pid).uid);
+    const auto as_nobody = [](auto look) {
+        // Not in its group either: that would be let in.
+        if (setgroups(0, nullptr) != 0 || setegid(65534) != 0 || seteuid(65534) != 0)
+            GTEST_SKIP() << "there is no other user in an unprivileged world";
+        look();
+        ASSERT_TRUE(seteuid(0) == 0 && setegid(0) == 0);
+    };
+    vela_process p = {};
+    as_nobody([&] {
+        EXPECT_EQ(UINT32_MAX, get(closed.pid, VELA_PROCESS_FDS).fds);
+        EXPECT_EQ(1U, listing().processes.count(closed.pid));
+    });
+    for (const auto &[option, result] : table<const char *, int>{{"hidepid=1", -EPERM}, {"hidepid=2", -ENOENT}}) {
+        mount_proc(option);
+        as_nobody([&, result = result] {
+            EXPECT_EQ(result, vela_process_get(closed.pid, 0, &p));
+            EXPECT_EQ(0, vela_process_get(mine.pid, 0, &p));
+            const listing seen;
+            EXPECT_TRUE(seen.result >= 1 && seen.processes.count(mine.pid) && !seen.processes.count(closed.pid));
+        });
+    }
+    rlimit before;
+    getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit none = {0, before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    const int one = vela_process_get(getpid(), 0, &p), all = listing().result;
+    setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_EQ(-EMFILE, one);
+    EXPECT_EQ(-EMFILE, all);
+}
+
+TEST(Process, SeenFromAnotherNamespace)
+{
+    mount_proc();
+    const child inside("unshared", [] {
+        (void)!unshare(CLONE_NEWPID);
+        child("inside", [] {
+            vela_process p = {};
+            const bool right = getpid() == 1 && vela_process_get(1, 0, &p) == 0 && strcmp(p.name, "inside") != 0;
+            prctl(PR_SET_NAME, right && listing().result >= 4 ? "right" : "wrong");
+            pause();
+        }).pid;
+    });
+    usleep(100'000);
+    for (const auto &[pid, p] : listing().processes) {
+        if (p.ppid == inside.pid) EXPECT_STREQ("right", p.name);
+    }
+}
+
+TEST(Process, FiveHundredEndWhileListed)
+{
+    mount_proc();
+    signal(SIGCHLD, SIG_IGN);
+    const leak_check leaks;
+    int start[2];
+    ASSERT_EQ(0, pipe(start));
+    for (useconds_t i = 0; i < 500; ++i) {
+        if (fork() != 0) continue;
+        prctl(PR_SET_NAME, "dying");
+        close(start[1]);
+        char byte;
+        (void)!read(start[0], &byte, 1); // until all are there
+        usleep(500 * i);
+        _exit(0);
+    }
+    close(start[0]);
+    close(start[1]);
+    size_t most = 0, left = 500;
+    while (left > 0) {
+        const listing seen{VELA_PROCESS_CMDLINE | VELA_PROCESS_FDS};
+        ASSERT_GE(seen.result, 0);
+        left = 0;
+        for (const auto &[pid, p] : seen.processes) {
+            if (p.ppid != getpid()) continue;
+            ++left;
+            EXPECT_TRUE(strncmp(p.name, "dying", 5) == 0 || strncmp(p.name, "process_test", 12) == 0) << p.name;
+        }
+        most = std::max(most, left);
+    }
+    EXPECT_GT(most, 100U);
+    leaks.expect_unchanged();
+}
