@@ -33,16 +33,23 @@ TEST(Board, TablesAreAskedByIdAndRevision)
     for (const auto &[sysid, revision, lowest] : cases) {
         const board_record *row = corvo_get_board(sysid, revision);
         EXPECT_EQ(lowest, row ? row->board_revision : -1) << sysid << " revision " << int{revision};
+        EXPECT_EQ(row, corvo_get_board(sysid, revision)) << "the same record again";
     }
-    EXPECT_TRUE(corvo_get_radio_count(42629) == 4 && corvo_get_radio_count(1) == 0);
+    EXPECT_EQ(4, corvo_get_radio_count(42629));
+    EXPECT_EQ(0, corvo_get_radio_count(1));
     EXPECT_STREQ("Rack 48", corvo_get_device(45106)->name) << "no board of the table";
-    EXPECT_TRUE(!device_identify_by_sysid(0) && !device_identify_by_sysid(1));
+    for (const uint16_t none : {0, 1}) EXPECT_EQ(nullptr, device_identify_by_sysid(none)) << none;
+}
 
-    for (unsigned id = 0; id <= UINT16_MAX; ++id) { // each row is a possible model
+// A new row needs its name in the device table, too.
+TEST(Board, EachRowIsAPossibleModel)
+{
+    for (unsigned id = 0; id <= UINT16_MAX; ++id) {
         const board_record *row = corvo_get_board(static_cast<uint16_t>(id), 255);
         if (!row) continue;
+        const device_record *device = device_identify_by_sysid(row->system_id);
+        EXPECT_STREQ(row->model_name, device ? device->name : "(no name)");
         update_cached_board(row);
-        EXPECT_STREQ(device_identify_by_sysid(row->system_id)->name, row->model_name);
         EXPECT_NE(nullptr, get_main_phy()) << row->model_name;
         for (int i = 0; i < row->radio_count; ++i) EXPECT_EQ("wifi" + std::to_string(i), get_radio_dev_name(i));
     }
@@ -54,15 +61,19 @@ TEST(Board, IdentifiedOnceFromTheDevice)
     update_cached_board(nullptr);
     const leak_check held;
     const board_record *board = board_identify();
-    EXPECT_TRUE(board->board_revision == 20 && corvo_get_board(42528, 20)->board_revision == 19) << "the row's stays";
+    EXPECT_EQ(20, board->board_revision);
+    EXPECT_EQ(19, corvo_get_board(42528, 20)->board_revision) << "the row's stays";
     EXPECT_THAT(board->serial, ElementsAre(0x02, 0x56, 0x4c, 0x0a, 0x1b, 0x2c));
-    EXPECT_TRUE(board->cpu_id == 0x410fd034 && board->country_code == 372 && board->regulatory_domain == 0x37);
+    EXPECT_EQ(0x410fd034U, board->cpu_id);
+    EXPECT_EQ(372, board->country_code);
+    EXPECT_EQ(0x37, board->regulatory_domain);
 
     site::put_file(board_file, "qrid=" + std::string(99, 'Q') +
                                    "\nboardrevision=-3\ncpuid=0x7\nserialno=020304050607\nwifi1=02:00:00:00:00:09");
     EXPECT_EQ(board, board_identify());
     board_record *fresh = get_board();
-    EXPECT_TRUE(fresh->board_revision == -3 && fresh->cpu_id == 7 && fresh->radios[1].mac[5] == 9);
+    EXPECT_EQ(-3, fresh->board_revision);
+    EXPECT_EQ(9, fresh->radios[1].mac[5]);
     EXPECT_EQ(std::string(15, 'Q'), fresh->qr_id);
     free(fresh);
     held.expect_unchanged();
@@ -74,21 +85,26 @@ TEST(Board, FailuresAreLoggedOnceAndKept)
 {
     log_lines log;
     update_cached_board(nullptr);
+    // The two files, the ids that are read nevertheless, and the message.
     const std::string good = "systemid=a686\nboardrevision=11\n", no_facts = "Failed to add board info";
-    const table<std::string, const char *, std::string> cases = {
-        {"systemid=xyz\nboardrevision=11\n", "", "Failed to identify the board"},
-        {"systemid=a6f0\nboardrevision=11\n", "", "Failed to find a matching board"},
-        {good, "boardrevision=1\nserialno=020304050607\n", no_facts},
-        {good, "cpuid=1\nserialno=020304050607\n", no_facts},
-        {good, "cpuid=1\nboardrevision=1\nserialno=02:03:04\n", no_facts}};
-    for (const auto &[ids, facts, message] : cases) {
+    const table<std::string, const char *, uint16_t, uint8_t, std::string> cases = {
+        {"boardrevision=11\n", "", 0, 11, "Failed to identify the board"},
+        {"systemid=a686\n", "", 0xa686, 0, "Failed to identify the board"},
+        {"systemid=a6f0\nboardrevision=11\n", "", 0xa6f0, 11, "Failed to find a matching board"},
+        {good, "boardrevision=1\nserialno=020304050607\n", 0xa686, 11, no_facts},
+        {good, "cpuid=1\nserialno=020304050607\n", 0xa686, 11, no_facts},
+        {good, "cpuid=1\nboardrevision=1\nserialno=02:03:04\n", 0xa686, 11, no_facts}};
+    for (const auto &[ids, facts, id, lowest, message] : cases) {
         site::put_file(info_file, ids);
         site::put_file(board_file, facts);
+        uint16_t sysid = 7;
+        uint8_t revision = 7;
+        EXPECT_EQ(id == 0 || lowest == 0, board_identify_ids(&sysid, &revision)) << ids;
+        EXPECT_EQ(std::pair(id, lowest), std::pair(sysid, revision)) << ids;
         EXPECT_EQ(nullptr, get_board());
         EXPECT_THAT(log.take(), ElementsAre(log_line{"error", "libvela", "get_board", message})) << ids;
     }
 
-    site::put_file(info_file, "systemid=1\n");
     const board_record *unknown = board_identify();
     EXPECT_STREQ("Unknown", unknown->model_name);
     site::lay_out_device();
@@ -100,28 +116,36 @@ TEST(Board, MainPortIsTheOnlyOneOrTheLabelledOne)
 {
     static board_record board = {};
     update_cached_board(&board);
-    EXPECT_TRUE(get_main_phy_port_id() == UINT32_MAX && get_main_phy_idx() == UINT32_MAX);
+    EXPECT_EQ(UINT32_MAX, get_main_phy_port_id());
+    EXPECT_EQ(UINT32_MAX, get_main_phy_idx());
 
     board.phy_group_count = 3;
     board.phy_groups[0] = {PHY_GROUP_MULTI, 2, {{0, 1, 0, 0, nullptr, nullptr, 0}, {1, 2, 0, 0, "main", nullptr, 0}}};
-    board.phy_groups[1] = {PHY_GROUP_MULTI, 0, {}};
     board.phy_groups[2] = {PHY_GROUP_SINGLE, 1, {{9, 255, 0, 0, nullptr, nullptr, 0}}};
     EXPECT_EQ(255U, get_main_phy_port_id()) << "alone in its group, without a label";
-    EXPECT_TRUE(get_main_phy_idx() == 9 && get_num_of_eth_ports() == 3);
-    EXPECT_TRUE(get_phy_port_id_by_idx(9) == 255 && get_phy_port_id_by_idx(2) == -1);
-    EXPECT_THAT(port_ids(board), ElementsAre(1, 2, 255));
+    EXPECT_EQ(9U, get_main_phy_idx());
+    EXPECT_EQ(255, get_phy_port_id_by_idx(9));
+    EXPECT_EQ(-1, get_phy_port_id_by_idx(2));
+    EXPECT_EQ(3, get_num_of_eth_ports());
+    EXPECT_THAT(port_ids(board), ElementsAre(1, 2, 255)) << "over the group without ports";
     unsigned group = 0, port = 1;
     EXPECT_EQ(2, board_get_next_phy(&board, &group, &port)->port_id);
-    EXPECT_TRUE(group == 1 && port == 0) << "the group was exhausted";
+    EXPECT_EQ(std::pair(1U, 0U), std::pair(group, port)) << "the group was exhausted";
 
     board.phy_groups[0].ports[1].label = "PoE In + Data";
     EXPECT_EQ(2U, get_main_phy_port_id());
     board.phy_groups[0].ports[0].label = "Main";
     EXPECT_EQ(1U, get_main_phy_port_id()) << "in order of ports, whatever the label";
+}
 
-    board.phy_group_count = board.radio_count = 255;
-    for (auto &g : board.phy_groups) g.port_count = 255, g.ports[0].label = g.ports[1].label = nullptr;
-    EXPECT_TRUE(!get_main_phy() && port_ids(board).size() == 32) << "no more than the record holds";
+// Records may come from a caller: no more than they hold is looked at.
+TEST(Board, CountsBeyondTheRecordAreCut)
+{
+    static board_record board = {.phy_group_count = 255, .radio_count = 255};
+    for (auto &g : board.phy_groups) g.port_count = 255;
+    update_cached_board(&board);
+    EXPECT_EQ(nullptr, get_main_phy());
+    EXPECT_EQ(32U, port_ids(board).size());
     for (const int i : {-1, 0, 4, INT_MAX}) EXPECT_STREQ("", get_radio_dev_name(i)) << i;
 }
 
@@ -138,30 +162,36 @@ TEST(Board, MediaNames)
     }
 }
 
-TEST(Board, PowerAndRadiosOfTheRecord)
+TEST(Board, PowerOfTheRecord)
 {
     static board_record board = {.cpu_port = {"eth9", 513}};
     update_cached_board(&board);
     for (const auto &[budget, reserve, left] : table<uint16_t, uint16_t, int>{{0, 5, 0}, {60, 8, 52}, {8, 9, 0}}) {
         board.poe_budget = budget, board.poe_reserve = reserve;
-        EXPECT_TRUE(board_get_poe_budget() == left && board_has_poe() == (left != 0)) << budget << " - " << reserve;
+        EXPECT_EQ(left, board_get_poe_budget()) << budget << " - " << reserve;
+        EXPECT_EQ(left != 0, board_has_poe()) << budget << " - " << reserve;
     }
     cpu_port port = {};
-    EXPECT_TRUE(board_get_cpu_mac(nullptr) == -1 && board_get_cpu_mac(&port) == 0 && port.value == 513);
+    EXPECT_EQ(-1, board_get_cpu_mac(nullptr));
+    EXPECT_EQ(0, board_get_cpu_mac(&port));
+    EXPECT_EQ(513, port.value);
+}
 
-    board.radios[0].flags = 0x80000000; // AFC: both bits in one radio
+TEST(Board, AfcTakesBothTopBitsInOneRadioThatCounts)
+{
+    board_record board = {};
+    board.radios[0].flags = 0x80000000;
     board.radios[1].flags8 = 0x80;
     board.radios[2] = {"wifi2", 0x80000000, 0x80, {}, 0};
-    board.radio_count = 2;
-    board.flags = 1;
-    EXPECT_TRUE(board_is_outdoor_capable(&board) && !board_requires_afc_for_6g(&board));
-    EXPECT_STREQ("", get_radio_dev_name(2));
-    board.radio_count = 3;
-    EXPECT_TRUE(board_has_afc_6g_radio(&board) && board_requires_afc_for_6g(&board));
-    EXPECT_STREQ("wifi2", get_radio_dev_name(2));
-    board.flags = 0xFE;
-    EXPECT_FALSE(board_is_outdoor_capable(&board) || board_requires_afc_for_6g(&board));
-    EXPECT_FALSE(board_is_outdoor_capable(nullptr) || board_has_afc_6g_radio(nullptr));
+    // Radios, flags; outdoor capable, with an AFC radio, AFC required.
+    const table<uint8_t, uint8_t, int, int, int> cases = {{2, 1, 1, 0, 0}, {3, 1, 1, 1, 1}, {3, 0xFE, 0, 1, 0}};
+    for (const auto &[radios, flags, outdoor, afc, required] : cases) {
+        board.radio_count = radios, board.flags = flags;
+        EXPECT_EQ(outdoor, board_is_outdoor_capable(&board)) << int{flags};
+        EXPECT_EQ(afc, board_has_afc_6g_radio(&board)) << int{radios};
+        EXPECT_EQ(required, board_requires_afc_for_6g(&board)) << int{radios} << " " << int{flags};
+    }
+    for (const auto question : {board_is_outdoor_capable, board_has_afc_6g_radio}) EXPECT_EQ(0, question(nullptr));
 }
 
 TEST(Board, AccelerometerReadsItsThreeAxes)
@@ -169,11 +199,11 @@ TEST(Board, AccelerometerReadsItsThreeAxes)
     site::remove_file("/sys/bus"); // a link to the host's
     EXPECT_FALSE(has_accelerometer());
     const std::string device = "/sys/bus/iio/devices/iio:device0/";
-    site::put_file(device + "in_accel_x_raw", "-123456789\n");
+    site::put_file(device + "in_accel_x_raw", "-123456789\n"); // eight characters, the sign counts
     EXPECT_TRUE(has_accelerometer());
     json_t *status = prepare_accelerometer_status();
-    EXPECT_EQ(-1234567, json_integer_value(json_object_get(status, "x"))) << "eight characters, the sign counts";
-    EXPECT_TRUE(json_is_integer(json_object_get(status, "y")) && json_object_size(status) == 3);
+    json_t *expected = json_pack("{si si si}", "x", -1234567, "y", 0, "z", 0);
+    EXPECT_TRUE(json_equal(expected, status));
     EXPECT_EQ("50", site::read_file(device + "sampling_frequency"));
-    json_decref(status);
+    for (json_t *held : {status, expected}) json_decref(held);
 }

@@ -34,6 +34,9 @@ TEST(Status, VersionIsCachedOnceItIsWhole)
     EXPECT_EQ(-ENOENT, get_version(&text));
     EXPECT_EQ("-22 unknown.0", version("", "1"));
     EXPECT_EQ("-22 unknown.0", version("4.1.0", ""));
+    site::put_file("/usr/etc/.version", "");
+    site::remove_file("/usr/etc/.build");
+    EXPECT_EQ(-ENOENT, get_version(&text)) << "a failed read counts before an empty text";
     const std::string nines(40, '9'), v62(62, 'v'), v66(66, 'v');
     const table<std::string, std::string, std::string> cases = {
         {"4.1.0", nines, "4.1.0." + nines.substr(9)}, {v62, "1", v62 + "."}, {v66, "1", v62 + "v"}};
@@ -53,7 +56,8 @@ TEST(Status, NumbersInFiles)
     EXPECT_EQ(0, get_boardrevision(file("boardrevision\n"))) << "the last piece, whatever it is";
     EXPECT_EQ(35U, get_uptime_from_file(file("35.90 12.00\n")));
     EXPECT_EQ(UINT_MAX, get_uptime_from_file(file("up 5\n")));
-    EXPECT_TRUE(get_boardrevision("/nowhere") == -1 && get_uptime_from_file("/nowhere") == UINT_MAX);
+    EXPECT_EQ(-1, get_boardrevision("/nowhere"));
+    EXPECT_EQ(UINT_MAX, get_uptime_from_file("/nowhere"));
     EXPECT_NEAR(get_uptime_from_proc(), get_uptime_from_sysinfo(), 1);
     site::put_file("/proc/velahal/system.info", "manufid=2f01a\n");
     EXPECT_EQ(0x2F01U, get_manufid()) << "four digits";
@@ -75,13 +79,15 @@ TEST(Status, StageOfTheInstallation)
         site::lay_out_device({.reftype = reftype, .stage = stage, .more_config = more});
         cfg_entry *cfg = parse("/tmp/system.cfg");
         for (cfg_entry *from : {cfg, static_cast<cfg_entry *>(nullptr)}) {
-            EXPECT_TRUE(get_brix_env(from) == env && get_brix_env_limit_prod(from) == limited)
-                << stage << " " << reftype << " " << more;
+            EXPECT_EQ(env, get_brix_env(from)) << stage;
+            EXPECT_EQ(limited, get_brix_env_limit_prod(from)) << stage << " " << reftype << " " << more;
         }
         site::put_file("/tmp/system.cfg", "mgmt.brix.env=dev\n");
         EXPECT_EQ(env, get_brix_env(cfg)) << "the configuration that is given counts";
         free_cfg(cfg);
     }
+    cfg_entry own = {const_cast<char *>("mgmt.brix.env"), nullptr, nullptr, nullptr};
+    EXPECT_EQ(0, get_brix_env(&own)) << "a record without a value";
 }
 
 TEST(Status, TimesAsText)
@@ -92,7 +98,8 @@ TEST(Status, TimesAsText)
         EXPECT_EQ(duration.size(), uptime2str(seconds, text, sizeof text));
         EXPECT_EQ(duration, text);
     }
-    EXPECT_TRUE(uptime2str(90061, cut, 4) == 8 && memcmp("1d1\0x", cut, 5) == 0);
+    EXPECT_EQ(8, uptime2str(90061, cut, 4));
+    EXPECT_EQ(0, memcmp("1d1\0x", cut, 5));
 
     setenv("TZ", "UTC-2", 1);
     conv_ts_to_local_time(INT64_MAX, text, 1);
@@ -102,7 +109,8 @@ TEST(Status, TimesAsText)
     EXPECT_EQ(0, get_system_time_str(text, sizeof text));
     conv_ts_to_local_time(time(nullptr), after, sizeof after);
     EXPECT_TRUE(strncmp(after, text, 14) == 0 || strcmp(text, after) < 0) << text;
-    EXPECT_TRUE(get_system_time_str(cut, 3) == 0 && get_system_time_str(cut, 0) == 0 && strlen(cut) == 2);
+    for (const size_t size : {3, 0}) EXPECT_EQ(0, get_system_time_str(cut, size));
+    EXPECT_EQ(2U, strlen(cut));
 }
 
 TEST(Status, LocksKeepOtherProcessesOut)
@@ -113,7 +121,8 @@ TEST(Status, LocksKeepOtherProcessesOut)
     mkdir(report_path.c_str(), 0755);
     umask(0);
     for (const auto &[path, lock, unlock] : locks) {
-        EXPECT_TRUE(unlock() == -1 && lock() == 0);
+        EXPECT_EQ(-1, unlock());
+        EXPECT_EQ(0, lock());
         EXPECT_EQ(path == report_path, report_locked());
         EXPECT_EQ(1, site::run("flock -n " + path + " true")) << "another process";
         EXPECT_EQ(-1, lock());
@@ -128,7 +137,8 @@ TEST(Status, LocksKeepOtherProcessesOut)
         waitpid(heir, nullptr, 0);
     }
     struct stat made = {};
-    EXPECT_TRUE(stat(profile_path.c_str(), &made) == 0 && (made.st_mode & 07777) == 0640);
+    EXPECT_EQ(0, stat(profile_path.c_str(), &made));
+    EXPECT_EQ(0640U, made.st_mode & 07777);
 }
 
 TEST(Status, LockGivesUpOrWaits)

@@ -1,7 +1,8 @@
-// The board of this process, identified once and kept, and what is asked of it. Records may come from a caller, so
+// Keeps the board of this process, identified once, and answers questions about it. Records may come from a caller, so
 // counts are taken as far as the record's arrays go.
 
 #include <algorithm>
+#include <atomic>
 #include <cstddef>
 #include <cstdlib>
 #include <iterator>
@@ -39,7 +40,7 @@ constexpr uint32_t sfp_media = PHY_MEDIA_SFP | PHY_MEDIA_SFP_PLUS | PHY_MEDIA_SF
 constexpr board_record unknown_board = {.model_name = "Unknown"};
 
 /// The board of this process: null until the first board_identify(), or as update_cached_board() set it.
-constinit const board_record *cached = nullptr;
+constinit std::atomic<const board_record *> cached = nullptr;
 
 std::span<const phy_group> groups_of(const board_record &board)
 {
@@ -71,12 +72,16 @@ int axis_value(const char *axis)
 
 const board_record *board_identify(void)
 {
-    if (!cached) cached = get_board();
-    if (!cached) cached = &unknown_board;
-    return cached;
+    const board_record *kept = cached.load(std::memory_order_acquire);
+    if (kept) return kept;
+    vela::heap<board_record> found{get_board()};
+    const board_record *board = found ? found.get() : &unknown_board;
+    if (!cached.compare_exchange_strong(kept, board)) return kept; // another thread was first
+    (void)found.release();
+    return board;
 }
 
-void update_cached_board(const board_record *rec) { cached = rec; }
+void update_cached_board(const board_record *rec) { cached.store(rec, std::memory_order_release); }
 
 int board_get_poe_budget(void)
 {

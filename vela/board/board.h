@@ -8,6 +8,9 @@
  *
  * When the board cannot be identified, board_identify() returns a record whose model name is "Unknown" and whose other
  * fields mean nothing. The queries do not look at the name: a caller that depends on their answers does.
+ *
+ * Any thread may ask at any time, also for the first time; only update_cached_board() wants to be alone, as other
+ * threads may still hold what it replaces.
  */
 #ifndef VELA_BOARD_BOARD_H
 #define VELA_BOARD_BOARD_H
@@ -130,7 +133,8 @@ typedef struct device_record {
 /**
  * Reads system id and hardware revision from /proc/velahal/system.info.
  *
- * @param sysid  receives the system id; written only on success, as is rev
+ * @param sysid  receives the system id; 0 when it cannot be read
+ * @param rev    receives the revision; 0 when it cannot be read
  * @return 0; 1 when the file or one of the two keys is missing or cannot be parsed
  */
 VELA_API int board_identify_ids(uint16_t *sysid, uint8_t *rev);

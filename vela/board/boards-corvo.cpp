@@ -1,10 +1,10 @@
-// The board table, and the board found in it.
+// The table of boards, and the identification of the running board.
 //
 // A full record is some 1.6 KB, most of it unused port slots. So the table keeps short rows that share their port and
-// radio lists (50 KB less in the file, and no relocations to make in it when a program starts), and a record is laid
-// out from its row when somebody first asks for it.
+// radio lists, and a record is made from its row when somebody first asks for it.
 
 #include <algorithm>
+#include <atomic>
 #include <iterator>
 #include <span>
 #include <string_view>
@@ -157,7 +157,9 @@ struct row {
 
 constexpr uint8_t A = BOARD_SET_A, B = BOARD_SET_B, C = BOARD_SET_C;
 
-// One model, two rows: a hardware revision changed its ports.
+// A new model wants three entries: its row here, its name in the device table (devices-corvo.cpp), and its system id in
+// every family it belongs to (internal/families.h), which the predicates of model.h ask. The board test compares rows
+// and names. A model with two rows: a hardware revision changed its ports.
 constexpr row rows[] = {
     {"Orb 4", "O4", 60448, 0, one_fast, ac_dual},
     {"Orb 4 Terrace", "O4T", 60453, 0, one_gigabit, ac_dual, {.flags = BOARD_OUTDOOR}},
@@ -229,29 +231,43 @@ constexpr size_t models_in(uint8_t set)
 static_assert(std::size(rows) == 31 && every_row_fits_a_record());
 static_assert(models_in(BOARD_SET_C) == 4 && models_in(BOARD_MULTI_5GHZ) == 1);
 
-/// The rows in full, each laid out when somebody first asks for it, and the same for the life of the process.
-constinit board_record records[std::size(rows)] = {};
+using record_ptr = vela::heap<board_record>;
 
-const board_record &record_of(const row &r)
+/// The records that corvo_get_board() gave out, by row: each made when first asked for and kept for the life of the
+/// process.
+constinit std::atomic<const board_record *> records[std::size(rows)] = {};
+
+/// Of the rows for a system id that a revision reaches, the one with the highest revision; null without one.
+const row *find_row(uint16_t sysid, uint8_t revision)
 {
-    board_record &record = records[&r - rows];
-    if (record.system_id != 0) return record;
-    vela::copy_text(record.model_name, r.model_name);
-    vela::copy_text(record.short_code, r.short_code);
-    record.cpu_port = {"eth0", 0};
-    record.phy_group_count = static_cast<uint8_t>(r.ports.size());
-    std::ranges::copy(r.ports, record.phy_groups);
-    record.radio_count = static_cast<uint8_t>(r.radios.size());
-    std::ranges::copy(r.radios, record.radios);
-    record.system_id = r.system_id;
-    record.poe_budget = r.has.poe_out.budget;
-    record.poe_reserve = r.has.poe_out.reserve;
-    record.board_revision = r.lowest_revision;
-    record.flags = r.has.flags;
-    record.poe_powered = !r.has.mains;
-    record.capabilities = r.has.capabilities;
-    record.radio_layout = r.has.layout;
-    record.capability_sets = r.has.sets;
+    const row *best = nullptr;
+    for (const row &r : rows) {
+        if (r.system_id != sysid || r.lowest_revision > revision) continue;
+        if (!best || r.lowest_revision > best->lowest_revision) best = &r;
+    }
+    return best;
+}
+
+record_ptr make_record(const row &r)
+{
+    auto record = vela::make_zeroed<board_record>();
+    if (!record) vela::out_of_memory(source_name, __LINE__);
+    vela::copy_text(record->model_name, r.model_name);
+    vela::copy_text(record->short_code, r.short_code);
+    record->cpu_port = {"eth0", 0};
+    record->phy_group_count = static_cast<uint8_t>(r.ports.size());
+    std::ranges::copy(r.ports, record->phy_groups);
+    record->radio_count = static_cast<uint8_t>(r.radios.size());
+    std::ranges::copy(r.radios, record->radios);
+    record->system_id = r.system_id;
+    record->poe_budget = r.has.poe_out.budget;
+    record->poe_reserve = r.has.poe_out.reserve;
+    record->board_revision = r.lowest_revision;
+    record->flags = r.has.flags;
+    record->poe_powered = !r.has.mains;
+    record->capabilities = r.has.capabilities;
+    record->radio_layout = r.has.layout;
+    record->capability_sets = r.has.sets;
     return record;
 }
 
@@ -281,23 +297,20 @@ bool add_board_info(board_record &board)
 int board_identify_ids(uint16_t *sysid, uint8_t *rev)
 {
     const vela::c_string info{xkv_file_to_buff(system_info_path)};
-    uint16_t id = 0;
-    uint8_t revision = 0;
-    if (!xkv_read_x16(info.get(), "systemid", &id)) return 1;
-    if (!xkv_read_u8(info.get(), "boardrevision", &revision)) return 1;
-    *sysid = id;
-    *rev = revision;
-    return 0;
+    const bool has_id = xkv_read_x16(info.get(), "systemid", sysid) != nullptr;
+    const bool has_revision = xkv_read_u8(info.get(), "boardrevision", rev) != nullptr;
+    return has_id && has_revision ? 0 : 1;
 }
 
 const board_record *corvo_get_board(uint16_t sysid, uint8_t rev)
 {
-    const row *best = nullptr;
-    for (const row &r : rows) {
-        if (r.system_id != sysid || r.lowest_revision > rev) continue;
-        if (!best || r.lowest_revision > best->lowest_revision) best = &r;
-    }
-    return best ? &record_of(*best) : nullptr;
+    const row *found = find_row(sysid, rev);
+    if (!found) return nullptr;
+    auto &place = records[found - rows];
+    const board_record *kept = place.load(std::memory_order_acquire);
+    if (kept) return kept;
+    record_ptr record = make_record(*found);
+    return place.compare_exchange_strong(kept, record.get()) ? record.release() : kept; // another thread was first
 }
 
 int corvo_get_radio_count(uint16_t sysid)
@@ -314,14 +327,12 @@ board_record *get_board(void)
         log_error("Failed to identify the board");
         return nullptr;
     }
-    const board_record *row = corvo_get_board(sysid, revision);
-    if (!row) {
+    const row *found = find_row(sysid, revision);
+    if (!found) {
         log_error("Failed to find a matching board");
         return nullptr;
     }
-    vela::heap<board_record> board{static_cast<board_record *>(malloc(sizeof(board_record)))};
-    if (!board) vela::out_of_memory(source_name, __LINE__);
-    *board = *row;
+    record_ptr board = make_record(*found);
     if (!add_board_info(*board)) {
         log_error("Failed to add board info");
         return nullptr;

@@ -1,4 +1,5 @@
-// The device table: every product of the family by its system id, access points and what stands beside them on a site.
+// The table of devices: every product of the maker by its system id, access points and what stands beside them on a
+// site. A board's row (boards-corvo.cpp) and a family's id (internal/families.h) each need a name here.
 
 #include <iterator>
 #include <vela/board/board.h>

@@ -1,4 +1,4 @@
-// Predicates over the identified board. The sets of system ids are one table (internal/families.h).
+// Answers yes/no questions about the device. The system ids of each family are one table (internal/families.h).
 
 #include <algorithm>
 #include <cstring>

@@ -1,7 +1,7 @@
 /**
  * @file
  * Yes/no questions about the device: its model family, answered from the identified board (board.h), and its state,
- * kept in files. So that nobody compares system ids, and a new model means one more table entry.
+ * kept in files. So that nobody compares system ids: what a new model needs stands above the rows of boards-corvo.cpp.
  *
  * Answers are 1 for yes, 0 for no. A board that could not be identified belongs to no family.
  */

@@ -1,4 +1,5 @@
-// Each query reads its file and answers; only the version text and the two locks are kept.
+// Answers questions about the running system. Each query reads its file; only the version text and the two locks are
+// kept.
 
 #include <algorithm>
 #include <cerrno>
@@ -8,6 +9,7 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <pthread.h>
 #include <string_view>
 #include <sys/file.h>
 #include <sys/sysinfo.h>
@@ -24,7 +26,6 @@ constexpr const char *log_module = "statistics";
 
 constexpr const char *version_path = "/usr/etc/.version";
 constexpr const char *build_path = "/usr/etc/.build";
-constexpr const char *unknown_version = "unknown.0";
 constexpr const char *system_info_path = "/proc/velahal/system.info";
 constexpr const char *build_properties_path = "/usr/lib/build.properties";
 constexpr const char *running_config_path = "/tmp/system.cfg";
@@ -44,11 +45,12 @@ constexpr int lock_tries = 11;
 enum stage { production = 0, staging = 1, development = 2 };
 enum reference_kind { other_reference = 0, tag = 1, branch = 2 };
 
-/// Firmware version: empty until it was read whole, then kept for the life of the process.
+/// Firmware version, for the life of the process. Only `known` tells whether the text was read.
 constinit struct {
-    char text[64];
+    pthread_mutex_t reading;
     bool known;
-} version = {};
+    char text[64];
+} version = {PTHREAD_MUTEX_INITIALIZER, false, "unknown.0"};
 
 /// A lock of this process on something that other processes lock too; fd is -1 while it is not held.
 struct process_lock {
@@ -59,26 +61,24 @@ struct process_lock {
 constinit process_lock report = {"/var/run/report", O_RDONLY | O_DIRECTORY};
 constinit process_lock inform_profile = {"/var/run/inform-profile.lock", O_RDWR | O_CREAT};
 
-/// 0 when the file's first line is not empty.
+/// The first line of a file; of an empty file, the empty text.
 int read_text(const char *path, char *text, size_t size)
 {
     text[0] = '\0';
-    errno = 0; // an empty file leaves it alone, and its result is made of it
-    const int result = fsreadline(path, text, size);
-    return result == 0 && text[0] == '\0' ? -EINVAL : result;
+    errno = 0; // an empty file leaves it alone, and the result is made of it
+    return fsreadline(path, text, size);
 }
 
 int read_version()
 {
+    char text[sizeof version.text];
     char build[32];
-    int result = read_text(version_path, version.text, sizeof version.text);
-    if (result == 0) result = read_text(build_path, build, sizeof build);
-    if (result != 0) {
-        vela::copy_text(version.text, unknown_version);
-        return result;
-    }
-    const size_t length = strlen(version.text);
-    (void)snprintf(version.text + length, sizeof version.text - length, ".%s", build); // as much of it as fits
+    const int text_result = read_text(version_path, text, sizeof text);
+    const int build_result = read_text(build_path, build, sizeof build);
+    if (text_result != 0) return text_result;
+    if (build_result != 0) return build_result;
+    if (text[0] == '\0' || build[0] == '\0') return -EINVAL;
+    (void)snprintf(version.text, sizeof version.text, "%s.%s", text, build); // as much as fits
     version.known = true;
     return 0;
 }
@@ -140,7 +140,9 @@ int give_back(process_lock &lock, const char *caller)
 
 int get_version(const char **out)
 {
+    pthread_mutex_lock(&version.reading);
     const int result = version.known ? 0 : read_version();
+    pthread_mutex_unlock(&version.reading);
     if (out) *out = version.text;
     return result;
 }
@@ -178,7 +180,7 @@ int get_vela_scm_reftype(void)
 
 int get_brix_env(const cfg_entry *cfg)
 {
-    if (cfg) return stage_from(get_value(cfg, "", "%s", stage_key));
+    if (cfg) return stage_from(vela::view(get_value(cfg, "", "%s", stage_key)));
     char name[9];
     return stage_from(freadvalue(running_config_path, stage_key, name, sizeof name, ""));
 }

@@ -2,7 +2,7 @@
  * @file
  * Facts about the running system that reports carry: firmware version, board revision, maker, stage of the
  * installation, uptime and time as text. And two locks by which the daemons that write reports keep out of each
- * other's way.
+ * other's way: these block for up to eleven seconds and are for one thread; the queries read small files.
  */
 #ifndef VELA_BOARD_STATUS_H
 #define VELA_BOARD_STATUS_H
@@ -18,10 +18,11 @@ extern "C" {
 
 /**
  * Firmware version, "VERSION.BUILD" from /usr/etc/.version and /usr/etc/.build. Read once; after a failure the next
- * call tries again.
+ * call tries again. Any thread may call it; one that still holds "unknown.0" sees that text change when another's call
+ * succeeds.
  *
  * @param out  receives the text, at most 63 characters, also on failure ("unknown.0"); it lives as long as the process
- * @return 0; -EINVAL when one of the files is empty; else the negative errno of the failed read
+ * @return 0; the negative errno of a failed read, the version's before the build's; else -EINVAL when a file is empty
  */
 VELA_API int get_version(const char **out);
 
