@@ -39,5 +39,6 @@ TEST(Afc, RequestIdentifierLivesInItsFile)
     set_location_request_id(nullptr);
     EXPECT_EQ(id + "\n", site::read_file("/var/run/location_request_id"));
     EXPECT_EQ(id.substr(0, 255), get_location_request_id());
-    EXPECT_TRUE(clear_location_request_id() == 0 && clear_location_request_id() == -1);
+    EXPECT_EQ(0, clear_location_request_id());
+    EXPECT_EQ(-1, clear_location_request_id()) << "there is none";
 }

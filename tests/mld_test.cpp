@@ -59,9 +59,9 @@ TEST(Mld, LinksKnowTheirMultiLinkDevice)
     EXPECT_TRUE(log.take().empty());
     char name[16];
     EXPECT_EQ(-1, get_iface_upper_mld_ifname("missing", name, sizeof name));
-    EXPECT_THAT(log.take(),
-                ElementsAre(log_line{"error", "wireless", "get_iface_upper_mld_ifname",
-                                     "unable to open '/sys/class/net/missing': No such file or directory"}));
+    EXPECT_THAT(log.shown(), ElementsAre(std::string("[error] wireless.get_iface_upper_mld_ifname(): unable to open "
+                                                     "'/sys/class/net/missing': ") +
+                                         strerror(ENOENT)));
 }
 
 TEST(Mld, VlanComesFromTheBridgesName)
@@ -74,9 +74,9 @@ TEST(Mld, VlanComesFromTheBridgesName)
     }
     EXPECT_TRUE(log.take().empty());
     EXPECT_EQ(-1, get_mld_vlan_id("far"));
-    EXPECT_THAT(log.take(),
-                ElementsAre(log_line{"error", "wireless", "get_mld_vlan_id",
-                                     "unable to readlink '/sys/class/net/far/master': No such file or directory"}));
+    EXPECT_THAT(log.shown(), ElementsAre(std::string("[error] wireless.get_mld_vlan_id(): unable to readlink "
+                                                     "'/sys/class/net/far/master': ") +
+                                         strerror(ENOENT)));
 }
 
 TEST(Mld, ConfiguredDeviceIsThatOfTheHighestIndex)
@@ -103,7 +103,4 @@ TEST(Mld, SeenDevicesAreRememberedUpToSixteen)
         reset_seen_mlds();
     }
     EXPECT_EQ(0, add_if_mld_unique(nullptr));
-    if (!faults::can_refuse_memory) return;
-    const faults::refuse_memory next;
-    EXPECT_EQ(0, add_if_mld_unique("mld0"));
 }

@@ -86,8 +86,8 @@ TEST(Regulatory, Refusals)
 
     site::put_program(tool, "echo country; kill -9 $$");
     EXPECT_EQ(refused, ask({}));
-    EXPECT_THAT(log.take(), ElementsAre(log_line{"error", "regdomain", "vl_regulatory_get_max_eirp",
-                                                 "no channels found in the regulatory domain"}));
+    EXPECT_THAT(log.shown(), ElementsAre("[error] regdomain.vl_regulatory_get_max_eirp(): "
+                                         "no channels found in the regulatory domain"));
     leaks.expect_unchanged();
 }
 
@@ -111,6 +111,6 @@ TEST(Regulatory, RestrictedModes)
     EXPECT_EQ("4000000000\n", site::read_file("/tmp/asked"));
     site::remove_file(tool);
     EXPECT_EQ(0U, vl_regulatory_get_restricted_modes(1));
-    EXPECT_THAT(log.take(), ElementsAre(log_line{"error", "regdomain", "vl_regulatory_get_restricted_modes",
-                                                 "Couldn't get phymode_bitmap! Proceeding without adjustments."}));
+    EXPECT_THAT(log.shown(), ElementsAre("[error] regdomain.vl_regulatory_get_restricted_modes(): "
+                                         "Couldn't get phymode_bitmap! Proceeding without adjustments."));
 }

@@ -1,6 +1,7 @@
 #include "tests/support/log_lines.h"
 
 #include <gmock/gmock.h>
+#include <vela/core/internal/json.h>
 #include <vela/wireless/satisfaction.h>
 
 using testing::ElementsAre;
@@ -38,6 +39,10 @@ TEST(Satisfaction, EveryAreaOnBothSidesOfItsEdges)
         {"twelve", 13, 0, {.disconnects = 12}},
         {"drops of 0.2 %", 15, 70, {.tx_tries = 1000, .tx_drops = 2, .chip_code = 15}},
         {"drops of 0.5 %, chip 24", 15, 100, {.tx_tries = 1000, .tx_drops = 5, .chip_code = 24}},
+        // Shares that only single precision finds where they are.
+        {"45 % retried", 4, 90, {.tx_tries = 100, .tx_retries = 45, .chip_code = 15}},
+        {"drops at the threshold", 15, 70, {.tx_tries = 625, .tx_drops = 1, .chip_code = 15}},
+        {"drops at the threshold, chip 24", 15, 70, {.tx_tries = 1000, .tx_drops = 6, .chip_code = 24}},
     };
     for (auto &[what, area, score, station] : cases) {
         calc_sta_satisfaction(&station);
@@ -65,30 +70,30 @@ TEST(Satisfaction, TheLowestScoreDecidesAndOldBitsStay)
     log_lines log;
     s = {.tx_tries = 7, .tx_retries = 8, .tx_drops = 9, .chip_code = 24};
     calc_sta_satisfaction(&s);
-    EXPECT_EQ(0, s.scores[4] + s.scores[15]);
+    EXPECT_EQ(0, s.scores[VELA_SAT_WIFI_RETRIES]);
+    EXPECT_EQ(0, s.scores[VELA_SAT_WIFI_DROPS]);
     EXPECT_THAT(log.texts(), ElementsAre(testing::HasSubstr("retries=8 is bigger than total TX tries=7."),
                                          testing::HasSubstr("drops=9 is bigger than total TX tries=7.")));
 }
 
 TEST(Satisfaction, JsonWriters)
 {
-    const auto expect = [](json_t *object, const char *values) { // one after the other
+    const auto values = [](vela::json_ref object) { // one after the other
         std::string text;
         const char *key;
         json_t *value;
-        json_object_foreach(object, key, value) text += std::to_string(json_integer_value(value)) + ' ';
-        EXPECT_EQ(values, text);
-        json_decref(object);
+        json_object_foreach(object.get(), key, value) text += std::to_string(json_integer_value(value)) + ' ';
+        return text;
     };
     int32_t scores[16];
     for (int i = 0; i < 16; ++i) scores[i] = i - 1;
     for (auto *write : {reasons_bar_chart_to_json, anomalies_bar_chart_to_json}) {
-        expect(write(scores), "-1 0 1 2 3 4 5 6 7 8 9 10 11 12 13 14 ");
+        EXPECT_EQ("-1 0 1 2 3 4 5 6 7 8 9 10 11 12 13 14 ", values(vela::json_ref{write(scores)}));
     }
     vela_tcp_stats tcp = {1, 2, 3, UINT32_MAX, 7, 5, 6, UINT64_MAX};
-    expect(tcp_stats_to_json(&tcp), "1 2 3 4294967295 7 5 6 -1 ");
+    EXPECT_EQ("1 2 3 4294967295 7 5 6 -1 ", values(vela::json_ref{tcp_stats_to_json(&tcp)}));
     tcp.lat_min = UINT32_MAX; // no sample: the longest is unknown too
-    expect(tcp_stats_to_json(&tcp), "1 2 3 -1 -1 5 6 -1 ");
+    EXPECT_EQ("1 2 3 -1 -1 5 6 -1 ", values(vela::json_ref{tcp_stats_to_json(&tcp)}));
     const vela_wifi_tx_lat latency = {10, 2, 3, UINT32_MAX, -4};
-    expect(wifi_tx_lat_to_json(&latency), "10 2 3 4294967295 -4 ");
+    EXPECT_EQ("10 2 3 4294967295 -4 ", values(vela::json_ref{wifi_tx_lat_to_json(&latency)}));
 }

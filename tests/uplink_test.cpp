@@ -66,8 +66,8 @@ TEST(Uplink, PopulatesFromTheListedNames)
         EXPECT_EQ(result, populate_uplink_wds_ifnames_info_devnames(&t)) << listed;
         EXPECT_EQ(expected, names(t)) << listed;
     }
-    EXPECT_THAT(log.take(), ElementsAre(log_line{"warn", "vwire", "add_uplink_wds_ifaces_info_devname",
-                                                 "cannot add uplink interface ath5, support only 4"}));
+    EXPECT_THAT(log.shown(), ElementsAre("[warn] vwire.add_uplink_wds_ifaces_info_devname(): "
+                                         "cannot add uplink interface ath5, support only 4"));
     for (const uint16_t id : {42655, 59911}) { // on these products without the VLAN
         board.system_id = id;
         EXPECT_STREQ("ath1", table_of({"ath1.10"}).entries[0].devname) << id;
@@ -93,7 +93,9 @@ TEST(Uplink, RealDeviceComesFromTheVlanTable)
     }
     uplink_table t = table_of({"ath2", "ath1.10"});
     EXPECT_EQ(1, is_uplink_wds_iface(&t, "a"));
+    EXPECT_EQ(1, is_uplink_wds_iface(&t, "ath2"));
     EXPECT_EQ(0, is_uplink_wds_iface(&t, "ath1.10"));
+    EXPECT_EQ(0, is_uplink_wds_iface(&t, nullptr));
 }
 
 TEST(Uplink, FindsTheMultiLinkDevice)
@@ -143,11 +145,9 @@ TEST(Uplink, ScansGoOnAfterFailures)
     scan_24G_for_out_of_range("ath9");
     scan_all_uplink_wds_ifaces_neighbor(nullptr, &t);
     leaks.expect_unchanged();
-    const log_line failed = {"error", "vwire", "vela_wifi_scan", "vela_scan_request failure"};
-    const auto step = [](const char *text) {
-        return log_line{"info", "vwire", "scan_all_uplink_wds_ifaces_neighbor", std::string("neighbor scan: ") + text};
-    };
-    EXPECT_THAT(log.take(), testing::IsSupersetOf({failed, failed, failed, step("5GHz=3 6GHz=0 channels"),
-                                                   step("ath0 full scan (can't determine band)"), failed,
-                                                   step("ath1 full scan (can't determine band)"), failed}));
+    const std::string failed = "[error] vwire.vela_wifi_scan(): vela_scan_request failure";
+    const std::string step = "[info] vwire.scan_all_uplink_wds_ifaces_neighbor(): neighbor scan: ";
+    EXPECT_THAT(log.shown(), testing::IsSupersetOf({failed, failed, failed, step + "5GHz=3 6GHz=0 channels",
+                                                    step + "ath0 full scan (can't determine band)", failed,
+                                                    step + "ath1 full scan (can't determine band)", failed}));
 }

@@ -99,13 +99,11 @@ TEST(Vwire, SaysWhatItHeardAndFound)
 
     h.choose("02:56:4c:00:00:0a", nullptr, 16); // given whole, compared over its beginning
     h.choose(nullptr, nullptr);
-    const auto line = [](const std::string &text) {
-        return log_line{"info", "vwire", "vwire_select_best_for_band", "Found " + text};
-    };
-    EXPECT_THAT(log.take(), ElementsAre(line("serial1 on IFACE ath1: serial 02:56:4c:00:00:0a ESSID other BSSID "
-                                             "02:56:4c:00:00:0b RSSI 31 @ 5180"),
-                                        line("strongest RSSI on IFACE ath1: ESSID other BSSID 02:56:4c:00:00:0b "
-                                             "serialno 02:56:4c:00:00:0b RSSI 31 @ 5180")));
+    const std::string found = "[info] vwire.vwire_select_best_for_band(): Found ";
+    EXPECT_THAT(log.shown(), ElementsAre(found + "serial1 on IFACE ath1: serial 02:56:4c:00:00:0a ESSID other BSSID "
+                                                 "02:56:4c:00:00:0b RSSI 31 @ 5180",
+                                         found + "strongest RSSI on IFACE ath1: ESSID other BSSID 02:56:4c:00:00:0b "
+                                                 "serialno 02:56:4c:00:00:0b RSSI 31 @ 5180"));
 }
 
 TEST(Vwire, BandChoice)

@@ -66,6 +66,13 @@ std::vector<log_line> log_lines::take()
     return lines;
 }
 
+std::vector<std::string> log_lines::shown()
+{
+    std::vector<std::string> shown;
+    for (const auto &line : take()) shown.push_back(testing::PrintToString(line));
+    return shown;
+}
+
 std::vector<std::string> log_lines::texts()
 {
     std::vector<std::string> result;

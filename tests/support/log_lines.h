@@ -26,6 +26,8 @@ public:
 
     /// The lines since the last call.
     std::vector<log_line> take();
+    /// The same, each as "[error] cfg.parse(): the text".
+    std::vector<std::string> shown();
     /// Their texts alone.
     std::vector<std::string> texts();
 
