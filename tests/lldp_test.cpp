@@ -115,15 +115,17 @@ TEST(Lldp, AnswersThatMakeNoSense)
 TEST(Lldp, AClientMayTakeItsTimeButNotBeSilent)
 {
     log_lines log("info");
+    const std::string snooze = "s" + std::to_string(getpid()); // nobody else's
+    ASSERT_EQ(0, site::run("cp $(command -v sleep) /usr/local/bin/" + snooze));
     const leak_check leaks;
     const auto timeout = said("info", "Poll timeout");
     const auto slow = said("error", "Warning: lldpcli took 3 seconds!");
     const std::string nobody = "echo '{\"lldp\": {\"interface\": {}}}'";
     const table<std::string, bool, const char *, lines> cases = {
-        {"echo '{\"lldp\"'; sleep 100", false, "null", {timeout}},
-        {"sleep 100 & exit", false, "null", {timeout}},
-        {"sleep 100", true, "null", {timeout}},
-        {"sleep 1.6; echo; sleep 1.6; " + nobody, false, "[]", {slow}},
+        {"echo '{\"lldp\"'; " + snooze + " 100", false, "null", {timeout}},
+        {snooze + " 100 & exit", false, "null", {timeout}},
+        {snooze + " 100", true, "null", {timeout}},
+        {"sleep 1.5; echo; sleep 1.5; " + nobody, false, "[]", {slow}},
         {nobody + "; exec >&- 2>&-; sleep 3.2", false, "[]", {slow}}, // waited for, with its output closed
     };
     for (const auto &[script, interrupted, result, expected] : cases) {
@@ -134,7 +136,7 @@ TEST(Lldp, AClientMayTakeItsTimeButNotBeSilent)
         always_interrupted = false;
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15)) << script;
         EXPECT_EQ(expected, log.take()) << script;
-        EXPECT_EQ(0, site::run("! pgrep -x sleep >/dev/null")) << script;
+        EXPECT_EQ(0, site::run("! pgrep -x " + snooze + " >/dev/null")) << script;
     }
     leaks.expect_unchanged();
 }
