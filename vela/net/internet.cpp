@@ -235,8 +235,8 @@ int look_at_all(vela::internet_view &view, vela_internet &out)
     out.beyond_s = out.best4.confirmed_s = out.best6.confirmed_s = UINT32_MAX;
     const int result = look_at_routes(view);
     if (!is_answer(result)) return result;
+    out.reason6 = reason_of(view, AF_INET6, out.best6); // first: IPv6 sockets may have IPv4 peers
     out.reason4 = reason_of(view, AF_INET, out.best4);
-    out.reason6 = reason_of(view, AF_INET6, out.best6);
     const uint32_t beyond_ms = std::min(view.beyond_ms(AF_INET), view.beyond_ms(AF_INET6));
     if (beyond_ms <= beyond_max_ms) out.beyond_s = beyond_ms / 1000;
     find_resolvers(out);

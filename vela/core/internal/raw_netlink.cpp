@@ -20,6 +20,31 @@ std::span<const uint8_t> behind(std::span<const uint8_t> bytes, size_t n)
     return bytes.subspan(std::min(n, bytes.size()));
 }
 
+struct datagram {
+    ssize_t length; // or a negative errno
+    bool cut;       // there was more of it than room
+};
+
+/// The next datagram of the kernel's; other programs' are passed over.
+datagram receive_from_kernel(int fd, std::span<uint8_t> into, const deadline &until)
+{
+    do {
+        sockaddr_nl from = {};
+        iovec room = {into.data(), into.size()};
+        msghdr header = {};
+        header.msg_name = &from;
+        header.msg_namelen = sizeof from;
+        header.msg_iov = &room;
+        header.msg_iovlen = 1;
+        // The next part of a dump is put together while this one is read: there is rarely anything to wait for.
+        const ssize_t n = recvmsg(fd, &header, MSG_DONTWAIT);
+        if (n >= 0 && from.nl_pid == 0) return {n, (header.msg_flags & MSG_TRUNC) != 0};
+        if (n < 0 && errno != EAGAIN && errno != EINTR) return {-errno, false};
+        if (n < 0 && wait_through_signals(fd, POLLIN, until) == wait_result::failed) return {-errno, false};
+    } while (!until.passed());
+    return {-ETIMEDOUT, false};
+}
+
 void set_option(int fd, int option)
 {
     const int on = 1;
@@ -190,7 +215,7 @@ void channel::end(int result)
     if (result_ == 0 && broken_) result_ = -EBADMSG;
 }
 
-/// Receives the next datagram of the kernel. Where there is none, the walk is at its end.
+/// Receives the next datagram. Where there is none, the walk is at its end.
 void channel::receive()
 {
     if (limit_ == 0) return end(0);
@@ -198,32 +223,14 @@ void channel::receive()
     const int64_t begin_ns = monotonic_ns().value_or(0);
     const auto until = deadline::earlier(deadline::after_ms(patience_ms),
                                          deadline::after_ms(static_cast<int32_t>(left_ns_ / 1'000'000)));
-    for (;;) {
-        sockaddr_nl from = {};
-        iovec room = {block_.get(), std::min(block_size, limit_)};
-        msghdr header = {};
-        header.msg_name = &from;
-        header.msg_namelen = sizeof from;
-        header.msg_iov = &room;
-        header.msg_iovlen = 1;
-        // The next part of a dump is put together while this one is read: there is rarely anything to wait for.
-        const ssize_t n = recvmsg(fd_.get(), &header, MSG_DONTWAIT);
-        if (n < 0 && errno != EAGAIN && errno != EINTR) return end(-errno);
-        if (n < 0) {
-            const auto waited = wait_through_signals(fd_.get(), POLLIN, until);
-            if (waited != wait_result::ready) return end(waited == wait_result::timeout ? -ETIMEDOUT : -errno);
-            continue;
-        }
-        if (from.nl_pid != 0 && !until.passed()) continue; // another program's
-        if (from.nl_pid != 0) return end(-ETIMEDOUT);
-        const bool cut = (header.msg_flags & MSG_TRUNC) != 0;
-        if (cut && room.iov_len == block_size) return end(-EMSGSIZE);
+    const std::span<uint8_t> room{block_.get(), std::min(block_size, limit_)};
+    const datagram d = receive_from_kernel(fd_.get(), room, until);
+    if (d.length < 0) return end(static_cast<int>(d.length));
+    if (d.cut && room.size() == block_size) return end(-EMSGSIZE);
 
-        datagram_ = {{block_.get(), static_cast<size_t>(n)}, sequence_, port_};
-        limit_ -= std::min<size_t>(cut ? limit_ : NLMSG_ALIGN(static_cast<size_t>(n)), limit_);
-        left_ns_ -= monotonic_ns().value_or(0) - begin_ns;
-        return;
-    }
+    datagram_ = {{room.data(), static_cast<size_t>(d.length)}, sequence_, port_};
+    limit_ -= d.cut ? limit_ : std::min<size_t>(NLMSG_ALIGN(static_cast<size_t>(d.length)), limit_);
+    left_ns_ -= monotonic_ns().value_or(0) - begin_ns;
 }
 
 /// The end of an answer: what it says of the whole, and the kernel's words about it, which follow its number.
