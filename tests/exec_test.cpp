@@ -34,25 +34,23 @@ TEST(Exec, RecordsHoldAndCopyCommands)
     EXPECT_EQ(nullptr, exec_copy(nullptr));
     const std::string text(5000, 'p');
     record source{exec_create(text.c_str(), "a", text.c_str(), NULL)};
+    EXPECT_EQ(nullptr, source->argv[3]);
     faults::for_each_allocation([&] { record{exec_copy(source.get())}; });
     const record copy{exec_copy(source.get())};
-    EXPECT_EQ(nullptr, source->argv[3]);
     source.reset();
-    EXPECT_EQ(3, copy->argc);
     EXPECT_EQ(copy->path, copy->argv[0]) << "a copy stands by itself";
-    EXPECT_EQ(text.substr(0, 4095), copy->path);
-    EXPECT_STREQ("a", copy->argv[1]);
-    EXPECT_EQ(text.substr(0, 4096), copy->argv[2]);
+    EXPECT_THAT(std::vector<std::string>(copy->argv, copy->argv + copy->argc),
+                ElementsAre(text.substr(0, 4095), "a", text.substr(0, 4096)));
 }
 
 TEST(Exec, ComparesTheNumberOfArgumentsThenTheProgramThenEach)
 {
     const record a{exec_create("/bin/x", "1", "2", NULL)};
-    EXPECT_EQ(0, exec_cmp(a.get(), record{exec_copy(a.get())}.get()));
     EXPECT_EQ(-1, exec_cmp(a.get(), nullptr));
-    EXPECT_EQ(-2, exec_cmp(a.get(), record{exec_create("/bin/y", "1", NULL)}.get()));
-    EXPECT_EQ(-3, exec_cmp(a.get(), record{exec_create("/bin/y", "0", "2", NULL)}.get()));
+    EXPECT_EQ(0, exec_cmp(a.get(), record{exec_copy(a.get())}.get()));
     EXPECT_EQ(2, exec_cmp(a.get(), record{exec_create("/bin/x", "1", "0", NULL)}.get()));
+    EXPECT_EQ(-3, exec_cmp(a.get(), record{exec_create("/bin/y", "0", "2", NULL)}.get()));
+    EXPECT_EQ(-2, exec_cmp(a.get(), record{exec_create("/bin/y", "1", NULL)}.get()));
 }
 
 TEST(Exec, ForkexecWaitsAndReportsSignals)
@@ -131,27 +129,25 @@ TEST(Exec, OutputIsCutToItsBuffer)
 {
     log_lines log;
     const leak_check leaks;
+    const auto output_of = [](const std::string &command, uint32_t size) { // both readers agree
+        const vela::c_string text{popen_alloc_output(command.c_str(), size)};
+        std::string buf(size + 1, '#');
+        EXPECT_EQ(strlen(text.get()), popen_get_output(command.c_str(), buf.data(), size));
+        EXPECT_STREQ(text.get(), buf.c_str());
+        EXPECT_EQ('#', buf[size]) << "nothing behind the buffer";
+        return std::string(text.get());
+    };
     for (const size_t length : {0, 9, 10, 1023, 1024, 5000}) {
-        const std::string command = "head -c " + std::to_string(length) + " /dev/zero | tr '\\0' x";
         for (const uint32_t size : {1, 10, 1024, 1025, 5001}) {
-            const std::string kept(std::min<size_t>(length, size - 1), 'x');
-            char *text = popen_alloc_output(command.c_str(), size);
-            EXPECT_STREQ(kept.c_str(), text) << length << " bytes, at most " << size;
-            free(text);
-            std::string buf(size + 1, '#');
-            EXPECT_EQ(kept.size(), popen_get_output(command.c_str(), buf.data(), size));
-            EXPECT_STREQ(kept.c_str(), buf.c_str());
-            EXPECT_EQ('#', buf[size]) << "nothing behind the buffer";
+            const std::string command = "head -c " + std::to_string(length) + " /dev/zero | tr '\\0' x";
+            EXPECT_EQ(std::string(std::min<size_t>(length, size - 1), 'x'), output_of(command, size)) << length;
         }
     }
-    char buf[8];
     {
         const signal_storm storm; // a child's end is a signal, too
-        EXPECT_EQ(2, popen_get_output("printf a; sleep 0.1; printf b", buf, sizeof buf));
-        char *text = popen_alloc_output("printf a; sleep 0.1; printf b", 100);
-        EXPECT_STREQ("ab", text);
-        free(text);
+        EXPECT_EQ("ab", output_of("printf a; sleep 0.1; printf b", 100));
     }
+    char buf[8];
     EXPECT_EQ(-1, popen_get_output("touch /tmp/ran", buf, 0));
     log.take(); // a reader that stops early leaves a writer that may complain
     EXPECT_EQ(2, popen_get_output("printf ab; exit 7", buf, sizeof buf));

@@ -2,71 +2,63 @@
 #include "tests/support/table.h"
 
 #include <gtest/gtest.h>
-#include <set>
 #include <vela/board/board.h>
 #include <vela/board/model.h>
 
 namespace
 {
 
-using ids = std::set<unsigned>;
-
-const ids router_ap = {42599, 42651, 42676}, hbx = {42655, 59911}, home_router7 = {42618, 42669, 42681};
-const ids orb4 = {60448, 60450, 60453, 60454};
-const ids orb5 = {42512, 42513, 42514, 42515, 42516, 42528, 42560};
-const ids orb6 = {42576, 42577, 42578, 42579, 42580, 42581, 42582, 42583, 42599, 42613, 42657};
-const ids orb7 = {42618, 42625, 42626, 42629, 42630, 42631, 42632, 42642, 42643, 42644, 42646, 42647,
-                  42648, 42649, 42651, 42654, 42655, 42660, 42661, 42662, 42665, 42667, 42668, 42669,
-                  42670, 42671, 42672, 42673, 42675, 42676, 42681, 42682, 42684, 42687, 59911};
-const ids six_ghz = {42580, 42582, 42618, 42625, 42626, 42629, 42630, 42646, 42647, 42648, 42649, 42651,
-                     42655, 42660, 42662, 42665, 42667, 42668, 42670, 42671, 42681, 42682, 42684, 59911};
-
-ids operator+(ids a, const ids &b) { return a.insert(b.begin(), b.end()), a; }
-ids operator-(ids a, const ids &b)
+/// The system ids that a predicate holds for: "42512-42516 42528".
+std::string ids_of(int (*holds)())
 {
-    return std::erase_if(a, [&b](unsigned id) { return b.contains(id); }), a;
+    static board_record board = {.board_revision = 22};
+    update_cached_board(&board);
+    const auto holds_for = [&](unsigned id) { return board.system_id = static_cast<uint16_t>(id), holds() != 0; };
+    std::string ids;
+    for (unsigned id = 1; id < UINT16_MAX; ++id) {
+        if (!holds_for(id)) continue;
+        ids += (ids.empty() ? "" : " ") + std::to_string(id);
+        const unsigned first = id;
+        while (holds_for(id + 1)) ++id;
+        if (id != first) ids += "-" + std::to_string(id);
+    }
+    return ids;
 }
 
 } // namespace
 
 TEST(Model, EachFamilyHasItsModels)
 {
-    const table<const char *, int (*)(), ids> families = {
-        {"router_ap", is_router_ap, router_ap},
-        {"hbx_switch", is_hbx_switch, {42655}},
-        {"linkbar", is_linkbar, {59911}},
-        {"hbx", is_hbx, hbx},
-        {"orb4", is_orb4, orb4},
-        {"orb5", is_orb5, orb5},
-        {"orb6", is_orb6, orb6},
-        {"orb6_tier2", is_orb6_tier2, {42580, 42582}},
-        {"orb6_wallplate", is_orb6_wallplate, {42578, 42582}},
-        {"orb7_wallplate", is_orb7_wallplate, {42661}},
-        {"orb_ac_wallplate", is_orb_ac_wallplate, {58759, 58775}},
-        {"home_router7", is_home_router7, home_router7},
-        {"orb7", is_orb7, orb7},
-        {"orb7_tier2", is_orb7_tier2, {42647, 42648, 42649, 42667, 42671, 42673, 42684}},
-        {"orb_cellular", is_orb_cellular, {58928, 58929}},
-        {"force_detect_loop", is_force_detect_loop, {56500, 56501}},
-        {"6ghz", is_6ghz_supported, six_ghz},
-        {"orb_ap", is_orb_ap, orb4 + orb5 + orb6 + orb7},
-        {"qca_ap", is_qca_ap, orb6 + orb7 - ids{42675}},
-        {"green_ap", is_green_ap_supported, orb7 - router_ap - home_router7 - hbx - ids{42675}},
-        {"global_hostapd", use_global_hostapd, orb7},
-        {"variant_aqr112c", is_orb6_variant_aqr112c, {42528}},
-    };
-    static board_record board = {.board_revision = 22};
-    update_cached_board(&board);
-    for (const auto &[name, holds, expected] : families) {
-        ids found;
-        for (unsigned id = 0; id <= UINT16_MAX; ++id) {
-            board.system_id = static_cast<uint16_t>(id);
-            if (holds()) found.insert(id);
-        }
-        EXPECT_EQ(expected, found) << name;
-    }
+    const table<int (*)(), const char *> families = {
+        {is_router_ap, "42599 42651 42676"},
+        {is_hbx_switch, "42655"},
+        {is_linkbar, "59911"},
+        {is_hbx, "42655 59911"},
+        {is_orb4, "60448 60450 60453-60454"},
+        {is_orb5, "42512-42516 42528 42560"},
+        {is_orb6, "42576-42583 42599 42613 42657"},
+        {is_orb6_tier2, "42580 42582"},
+        {is_orb6_wallplate, "42578 42582"},
+        {is_orb7_wallplate, "42661"},
+        {is_orb_ac_wallplate, "58759 58775"},
+        {is_home_router7, "42618 42669 42681"},
+        {is_orb7, "42618 42625-42626 42629-42632 42642-42644 42646-42649 42651 42654-42655 42660-42662 42665 "
+                  "42667-42673 42675-42676 42681-42682 42684 42687 59911"},
+        {is_orb7_tier2, "42647-42649 42667 42671 42673 42684"},
+        {is_orb_cellular, "58928-58929"},
+        {is_force_detect_loop, "56500-56501"},
+        {is_6ghz_supported, "42580 42582 42618 42625-42626 42629-42630 42646-42649 42651 42655 42660 42662 42665 "
+                            "42667-42668 42670-42671 42681-42682 42684 59911"},
+        {is_green_ap_supported, "42625-42626 42629-42632 42642-42644 42646-42649 42654 42660-42662 42665 42667-42668 "
+                                "42670-42673 42682 42684 42687"},
+        {is_orb6_variant_aqr112c, "42528"}};
+    for (const auto &[holds, ids] : families) EXPECT_EQ(ids, ids_of(holds));
+    EXPECT_EQ(ids_of([] { return is_orb4() + is_orb5() + is_orb6() + is_orb7(); }), ids_of(is_orb_ap));
+    EXPECT_EQ(ids_of([] { return is_orb6() + is_orb7() - (get_orb_sysId() == 42675); }), ids_of(is_qca_ap));
+    EXPECT_EQ(ids_of(is_orb7), ids_of(use_global_hostapd));
 
-    board.system_id = 42528;
+    static board_record board = {.system_id = 42528};
+    update_cached_board(&board);
     for (const int revision : {19, 20, 21}) {
         board.board_revision = revision;
         EXPECT_EQ(revision == 20, is_orb6_variant_aqr112c()) << revision;

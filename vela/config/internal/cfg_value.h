@@ -1,4 +1,4 @@
-// Values as switches.
+// What a configured value switches: on, off, or neither.
 #pragma once
 
 #include <optional>
