@@ -17,5 +17,7 @@ set(VELA_VENDOR_OUI "0x025656" CACHE STRING "OUI of the chip vendor's nl80211 co
 set(VELA_MAKER_OUI "0x02564C" CACHE STRING "OUI of the maker's information element")
 # Where the system's resolvers stand, in the order of asking.
 set(VELA_RESOLV_FILES "/etc/resolv.conf /tmp/resolv.conf.d/resolv.conf.auto" CACHE STRING "Files with nameserver lines, by blanks")
+# Filters of this priority on an interface's clsact queue are this library's.
+set(VELA_QOS_PREFERENCE "22092" CACHE STRING "Priority of the traffic-control filters of station rules, 1 to 65535")
 
 configure_file(${CMAKE_CURRENT_LIST_DIR}/settings.h.in ${PROJECT_BINARY_DIR}/generated/vela/settings.h)

@@ -364,7 +364,10 @@ const char *verdict_name(uint32_t verdict)
     return verdict < std::size(names) ? names[verdict] : nullptr;
 }
 
-constexpr vela::bit_name refusal_names[] = {
+constexpr struct {
+    uint32_t bit;
+    const char *name;
+} refusal_names[] = {
     {VELA_ACS_DISABLED, "disabled"}, {VELA_ACS_NO_IR, "no_ir"},           {VELA_ACS_FORBIDDEN, "forbidden"},
     {VELA_ACS_RADAR, "radar"},       {VELA_ACS_RADAR_SEEN, "radar_seen"}, {VELA_ACS_INDOOR, "indoor"},
     {VELA_ACS_WIDTH, "width"},
@@ -389,10 +392,20 @@ constexpr vela::json_row rows[] = {
     {"power_mbm", VELA_MEMBER(vela_acs_candidate, power_mbm), shown::number, unknown::lowest},
 };
 
+vela::json_ref refusals_json(uint32_t refused)
+{
+    vela::json_ref array{json_array()};
+    for (const auto &reason : refusal_names) {
+        if (!(refused & reason.bit)) continue;
+        if (json_array_append_new(array.get(), json_string(reason.name)) != 0) return {};
+    }
+    return array;
+}
+
 vela::json_ref candidate_json(const vela_acs_candidate &c)
 {
     vela::json_ref object = vela::record_json(rows, c);
-    if (!object || !vela::put_json(object.get(), "refused", vela::bits_json(refusal_names, c.refused))) return {};
+    if (!object || !vela::put_json(object.get(), "refused", refusals_json(c.refused))) return {};
     return object;
 }
 

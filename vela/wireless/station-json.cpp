@@ -40,6 +40,9 @@ constexpr vela::json_row count_rows[] = {
 constexpr vela::json_row station_rows[] = {
     {"mac", VELA_MEMBER(vela_sta_info, mac), shown::mac, unknown::zero},
     {"interface", VELA_MEMBER(vela_sta_info, ifname), shown::text, unknown::zero},
+    {"mld", VELA_MEMBER(vela_sta_info, flags), shown::bit, unknown::never, nullptr, VELA_STA_MLD},
+    {"authorized", VELA_MEMBER(vela_sta_info, flags), shown::bit, unknown::never, nullptr, VELA_STA_AUTHORIZED},
+    {"mfp", VELA_MEMBER(vela_sta_info, flags), shown::bit, unknown::never, nullptr, VELA_STA_MFP},
     {"signal_dbm", VELA_MEMBER(vela_sta_info, signal_dbm), shown::number, unknown::lowest},
     {"signal_avg_dbm", VELA_MEMBER(vela_sta_info, signal_avg_dbm), shown::number, unknown::lowest},
     {"ack_signal_dbm", VELA_MEMBER(vela_sta_info, ack_signal_dbm), shown::number, unknown::lowest},
@@ -56,11 +59,6 @@ constexpr vela::json_row link_rows[] = {
     {"signal_avg_dbm", VELA_MEMBER(vela_sta_link, signal_avg_dbm), shown::number, unknown::lowest},
     {"inactive_ms", VELA_MEMBER(vela_sta_link, inactive_ms), shown::number, unknown::ones},
 };
-
-constexpr struct {
-    const char *key;
-    uint32_t bit;
-} flag_rows[] = {{"mld", VELA_STA_MLD}, {"authorized", VELA_STA_AUTHORIZED}, {"mfp", VELA_STA_MFP}};
 
 /// Sets an object as a member, unless it is empty.
 bool put_object(json_t *object, const char *key, json_ref value)
@@ -114,11 +112,8 @@ json_t *vela_sta_json(const vela_sta_info *info, const vela_station *scored)
         return nullptr;
     }
     json_ref object = vela::record_json(station_rows, *info);
-    bool whole = object && put_traffic(object.get(), *info) && put_links(object.get(), *info) &&
-                 (!scored || put_score(object.get(), *scored));
-    for (const auto &flag : flag_rows) {
-        whole = whole && put_json(object.get(), flag.key, json_ref{json_boolean(info->flags & flag.bit)});
-    }
+    const bool whole = object && put_traffic(object.get(), *info) && put_links(object.get(), *info) &&
+                       (!scored || put_score(object.get(), *scored));
     if (whole) return object.release();
     errno = ENOMEM;
     return nullptr;

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <vela/core/internal/log.h>
-#include <vela/core/internal/walk_json.h>
 #include <vela/wireless/freq.h>
 #include <vela/wireless/internal/channel_blocks.h>
 #include <vela/wireless/internal/nl80211_answer.h>
@@ -31,10 +30,6 @@ constexpr vela::nl80211::number_row numbers[] = {
     {NL80211_FREQUENCY_ATTR_DFS_CAC_TIME, VELA_MEMBER(vela_channel, cac_ms)},
 };
 
-constexpr vela::bit_name flag_names[] = {
-    {VELA_CHANNEL_DISABLED, "disabled"}, {VELA_CHANNEL_NO_IR, "no_ir"}, {VELA_CHANNEL_RADAR, "radar"},
-    {VELA_CHANNEL_INDOOR, "indoor"},     {VELA_CHANNEL_NO_HE, "no_he"}, {VELA_CHANNEL_NO_EHT, "no_eht"},
-};
 constexpr struct {
     uint32_t flag, attribute;
 } flags[] = {
@@ -100,8 +95,9 @@ uint32_t widths_by(const vela::raw_netlink::attribute &a)
 
 uint32_t number_of(const vela_channel &channel)
 {
-    const bool has_number = channel.band <= NL80211_BAND_6GHZ && vl_freq_to_band(channel.freq_mhz) != VL_BAND_UNKNOWN;
-    return has_number ? vl_freq_to_channel(channel.freq_mhz) : absent; // elsewhere the arithmetic wraps
+    const uint32_t mhz = channel.freq_mhz;
+    if (channel.band == NL80211_BAND_5GHZ && mhz >= 5000) return (mhz - 5000) / 5; // also the last, 5925 MHz
+    return vl_freq_to_band(mhz) == VL_BAND_UNKNOWN ? absent : vl_freq_to_channel(mhz);
 }
 
 /// Whether the marks keep a channel from being this part of a block.
@@ -128,6 +124,12 @@ constexpr vela::json_row rows[] = {
     {"dfs_state", VELA_MEMBER(vela_channel, dfs_state), shown::word, vela::unknown::ones, dfs_name},
     {"dfs_ms", VELA_MEMBER(vela_channel, dfs_ms), shown::number, vela::unknown::ones},
     {"cac_ms", VELA_MEMBER(vela_channel, cac_ms), shown::number, vela::unknown::ones},
+    {"disabled", VELA_MEMBER(vela_channel, flags), shown::bit, vela::unknown::never, nullptr, VELA_CHANNEL_DISABLED},
+    {"no_ir", VELA_MEMBER(vela_channel, flags), shown::bit, vela::unknown::never, nullptr, VELA_CHANNEL_NO_IR},
+    {"radar", VELA_MEMBER(vela_channel, flags), shown::bit, vela::unknown::never, nullptr, VELA_CHANNEL_RADAR},
+    {"indoor", VELA_MEMBER(vela_channel, flags), shown::bit, vela::unknown::never, nullptr, VELA_CHANNEL_INDOOR},
+    {"no_he", VELA_MEMBER(vela_channel, flags), shown::bit, vela::unknown::never, nullptr, VELA_CHANNEL_NO_HE},
+    {"no_eht", VELA_MEMBER(vela_channel, flags), shown::bit, vela::unknown::never, nullptr, VELA_CHANNEL_NO_EHT},
 };
 
 vela::json_ref widths_json(uint32_t widths)
@@ -142,8 +144,7 @@ vela::json_ref widths_json(uint32_t widths)
 vela::json_ref channel_json(const vela_channel &channel)
 {
     vela::json_ref object = vela::record_json(rows, channel);
-    if (!object || !vela::put_json(object.get(), "flags", vela::bits_json(flag_names, channel.flags))) return {};
-    if (!vela::put_json(object.get(), "widths", widths_json(channel.widths))) return {};
+    if (!object || !vela::put_json(object.get(), "widths", widths_json(channel.widths))) return {};
     return object;
 }
 
@@ -165,7 +166,7 @@ void channel_list::read(bytes message)
 void channel_list::read_band(const raw_netlink::attribute &outer)
 {
     const uint32_t band = outer.type;
-    if (band >= radio_widths_.size()) return;
+    if (band >= radio_widths_.size() || band == NL80211_BAND_S1GHZ) return; // there they are 1 MHz wide
     auto walk = raw_netlink::attributes::inside(outer);
     while (const auto a = walk.next()) {
         radio_widths_[band] |= widths_by(*a);
@@ -255,6 +256,6 @@ int vela_channel_foreach(vl_nl80211_service *service, const char *ifname, vela_c
 
 json_t *vela_channel_json(vl_nl80211_service *service, const char *ifname)
 {
-    return vela::walk_json<vela_channel>(
+    return vela::list_json<vela_channel>(
         [&](auto each, void *arg) { return vela_channel_foreach(service, ifname, each, arg); }, channel_json);
 }

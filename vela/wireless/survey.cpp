@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <vela/core/internal/walk_json.h>
 #include <vela/wireless/internal/nl80211_answer.h>
 #include <vela/wireless/internal/nl80211_records.h>
 #include <vela/wireless/survey.h>
@@ -111,7 +110,7 @@ int vela_survey_foreach(vl_nl80211_service *service, const char *ifname, vela_su
 
 json_t *vela_survey_json(vl_nl80211_service *service, const char *ifname)
 {
-    return vela::walk_json<vela_survey>(
+    return vela::list_json<vela_survey>(
         [&](auto each, void *arg) { return vela_survey_foreach(service, ifname, each, arg); },
         [](const vela_survey &survey) { return vela::record_json(rows, survey); });
 }

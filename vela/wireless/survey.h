@@ -113,16 +113,17 @@ VELA_API json_t *vela_survey_json(vl_nl80211_service *service, const char *ifnam
 VELA_API int vela_survey_airtime(const vela_survey *before, const vela_survey *now, vela_airtime *out);
 
 /**
- * Hands over the channels of an interface's radio, in the driver's order (NL80211_CMD_GET_WIPHY). At most 256.
+ * Hands over the channels of an interface's radio, in the driver's order (NL80211_CMD_GET_WIPHY). At most 256; those
+ * below 1 GHz, which have half megahertz, are left out.
  * @return the number of channels delivered, or a negative errno
  */
 VELA_API int vela_channel_foreach(vl_nl80211_service *service, const char *ifname, vela_channel_callback each,
                                   void *arg);
 
 /**
- * The same as an array of objects, keys as the members; "flags" is an array of "disabled", "no_ir", "radar", "indoor",
- * "no_he", "no_eht", "widths" one of numbers, "dfs_state" is "usable", "unavailable" or "available". Null, with errno,
- * on failure. The caller releases it.
+ * The same as an array of objects, keys as the members; a flag is a member of its own (disabled, no_ir, radar, indoor,
+ * no_he, no_eht), "widths" an array of numbers, "dfs_state" is "usable", "unavailable" or "available". Null, with
+ * errno, on failure. The caller releases it.
  */
 VELA_API json_t *vela_channel_json(vl_nl80211_service *service, const char *ifname);
 

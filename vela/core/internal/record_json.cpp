@@ -115,15 +115,6 @@ bool put_record(json_t *object, std::span<const json_row> rows, const void *reco
     });
 }
 
-json_ref bits_json(std::span<const bit_name> names, uint32_t bits)
-{
-    json_ref array{json_array()};
-    for (const auto &n : names) {
-        if ((bits & n.bit) && json_array_append_new(array.get(), json_string(n.name)) != 0) return {};
-    }
-    return array;
-}
-
 json_ref text_json(std::string_view text)
 {
     char copy[text_max + 1];

@@ -89,15 +89,6 @@ template <class Record> json_ref records_json(std::span<const json_row> rows, st
     return array;
 }
 
-/// A bit and what it is called.
-struct bit_name {
-    uint32_t bit;
-    const char *name;
-};
-
-/// An array of the names of those bits that are set; null when memory is short.
-json_ref bits_json(std::span<const bit_name> names, uint32_t bits);
-
 /// Sets one more member of an object. False when memory is short, be it for the value.
 inline bool put_json(json_t *object, const char *key, json_ref value)
 {
