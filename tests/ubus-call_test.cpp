@@ -226,3 +226,24 @@ TEST_F(UbusCall, ADaemonThatStopsCostsTheTimeLimit)
     daemon->resume();
     EXPECT_EQ("{}", call("echo", "{}", 0)) << "late answers are passed over";
 }
+
+TEST_F(UbusCall, ListsWhatTheBusOffers)
+{
+    daemon->offer("network.lan", {{"up", echo}, {"down", echo}});
+    daemon->offer("network.wan", {});
+    daemon->offer("hidden", {}, true);
+    start({{"echo", echo}});
+    const table<const char *, const char *> cases = {
+        {nullptr, R"({"network.lan":{"down":{},"up":{}},"network.wan":{},"vt":{"echo":{"n":"int32"}}})"},
+        {"network.*", R"({"network.lan":{"down":{},"up":{}},"network.wan":{}})"},
+        {"vt", R"({"vt":{"echo":{"n":"int32"}}})"},
+        {"hidden", "-"},
+        {"", "-"},
+    };
+    for (const auto &[wanted, expected] : cases) {
+        const json objects{vela_ubus_objects_json(iface, wanted)};
+        EXPECT_EQ(expected, text_of(objects.get()));
+    }
+    EXPECT_EQ(EINVAL, errno);
+    EXPECT_EQ(nullptr, vela_ubus_objects_json(nullptr, nullptr));
+}

@@ -9,6 +9,7 @@
 #include <event2/event.h>
 #include <gmock/gmock.h>
 #include <jansson.h>
+#include <libubus.h>
 #include <vela/ipc/ubus.h>
 
 class bus_test : public testing::Test
@@ -18,6 +19,9 @@ protected:
     using clock = std::chrono::steady_clock;
     using iface_ptr = vela_ubus_interface_t *;
 
+#ifndef LIBUBUS_STAND_IN
+    ubus_context *const never = ubus_connect("/nowhere"); // libubox opens descriptors for the life of the process
+#endif
     leak_check leaks;
     std::optional<site::bus_daemon> daemon{path}; // yet to be started
     event_base *const base = event_base_new();

@@ -124,6 +124,47 @@ int call(ubus_record &record, const char *object, uint32_t &id, const char *meth
     return result;
 }
 
+// ---- what there is to call
+
+/// By the type of an argument, as a signature has it.
+constexpr std::array type_names{"any", "array", "table", "string", "int64", "int32", "int16", "boolean", "double"};
+
+/// The objects that a lookup finds, as they arrive.
+struct listing {
+    json_ref objects{json_object()};
+    int fault = objects ? 0 : -ENOMEM;
+};
+
+/// Puts words in place of the numbers of types.
+int name_types(json_t *methods)
+{
+    const char *method = nullptr;
+    json_t *arguments = nullptr;
+    json_object_foreach(methods, method, arguments)
+    {
+        const char *name = nullptr;
+        json_t *type = nullptr;
+        json_object_foreach(arguments, name, type)
+        {
+            const auto number = static_cast<uint64_t>(json_integer_value(type));
+            const char *const word = number < type_names.size() ? type_names[number] : type_names[0];
+            if (json_object_set_new_nocheck(arguments, name, json_string(word)) != 0) return -ENOMEM;
+        }
+    }
+    return 0;
+}
+
+void take_object(ubus_context * /*ctx*/, ubus_object_data *object, void *arg)
+{
+    auto &l = *static_cast<listing *>(arg);
+    if (l.fault != 0) return;
+    json_ref methods{json_object()};
+    if (!methods) l.fault = -ENOMEM;
+    if (l.fault == 0 && object->signature) l.fault = vela::read_json(methods.get(), object->signature);
+    if (l.fault == 0) l.fault = name_types(methods.get());
+    if (l.fault == 0 && vela::add_clean(l.objects.get(), object->path, std::move(methods)) != 0) l.fault = -ENOMEM;
+}
+
 template <class Number> const outcome &find_outcome(Number outcome::*member, Number wanted)
 {
     const auto *const found =
@@ -151,6 +192,26 @@ int vela_ubus_call_object(vela_ubus_interface_t *iface, const char *object, cons
     if (!iface || !object || *object == '\0') return -EINVAL;
     uint32_t id = 0;
     return call(vela::inside(*iface), object, id, method, args, answer, timeout_ms);
+}
+
+json_t *vela_ubus_objects_json(vela_ubus_interface_t *iface, const char *path)
+{
+    listing l;
+    int result = iface ? l.fault : -EINVAL;
+    if (result == 0) {
+        ubus_record &record = vela::inside(*iface);
+        const vela::ubus_call here;
+        result = vela::may_request(record, deadline::after_ms(vela::bus_answer_ms));
+        if (result == 0) {
+            const vela::pipe_signal_blocked quiet;
+            result = vela::request_error(record, ubus_lookup(record.ctx, path, take_object, &l));
+        }
+        vela::deliver_later(record);
+    }
+    if (result == 0) result = l.fault;
+    if (result == 0) return l.objects.release();
+    errno = -result;
+    return nullptr;
 }
 
 const char *vela_ubus_error_text(int result) { return find_outcome(&outcome::error, result).text; }

@@ -3,6 +3,7 @@
 // to an object also hears, by a pattern of its own, when an object of that name appears.
 
 #include <cerrno>
+#include <cstddef>
 #include <string_view>
 #include <vela/core/internal/log.h>
 #include <vela/core/internal/pipe_signal.h>
@@ -16,7 +17,7 @@ using vela::json_ref;
 using vela::ubus_record;
 
 struct vela_ubus_listener {
-    ubus_subscriber bus; // first: the bus library knows it by this
+    ubus_subscriber bus; // what the bus library knows
     vela_ubus_listener *next;
     ubus_record *record;
     vela_ubus_event_callback each;
@@ -36,6 +37,11 @@ constexpr size_t listeners_max = 64;                  // of one record
 
 using listener = vela_ubus_listener;
 
+listener &owner(ubus_object *object)
+{
+    return *reinterpret_cast<listener *>(reinterpret_cast<char *>(object) - offsetof(listener, bus.obj));
+}
+
 /// Whether it hears all that it is there for.
 bool complete(const listener &l) { return l.bus.obj.id != 0 && (!l.subscribed || l.target != 0); }
 
@@ -50,8 +56,8 @@ void tell_gap(listener &l)
 int subscribe_to(listener &l, uint32_t id, const deadline &until)
 {
     ubus_record &record = *l.record;
-    if (!vela::limit_requests(record.ctx, until)) return vela::connected(record) ? -ETIMEDOUT : -ENOTCONN;
-    const int result = vela::request_error(record, ubus_subscribe(record.ctx, &l.bus, id));
+    int result = vela::may_request(record, until);
+    if (result == 0) result = vela::request_error(record, ubus_subscribe(record.ctx, &l.bus, id));
     if (result == 0) l.target = id;
     return result == -ENOENT ? 0 : result; // gone again: its next appearance will be heard
 }
@@ -77,7 +83,7 @@ void unregister(listener &l, const deadline &until)
 {
     ubus_record &record = *l.record;
     if (l.bus.obj.id == 0) return;
-    if (vela::connected(record) && vela::limit_requests(record.ctx, until)) {
+    if (vela::may_request(record, until) == 0) {
         (void)ubus_unregister_subscriber(record.ctx, &l.bus); // without an answer it goes with the connection
     }
     vela::forget_object(record.ctx, l.bus.obj);
@@ -89,8 +95,8 @@ int enlist(listener &l, const deadline &until)
 {
     ubus_record &record = *l.record;
     const vela::pipe_signal_blocked quiet;
-    if (!vela::limit_requests(record.ctx, until)) return vela::connected(record) ? -ETIMEDOUT : -ENOTCONN;
-    int result = vela::request_error(record, ubus_register_subscriber(record.ctx, &l.bus));
+    int result = vela::may_request(record, until);
+    if (result == 0) result = vela::request_error(record, ubus_register_subscriber(record.ctx, &l.bus));
     if (result == 0) result = register_pattern(l, until);
     uint32_t id = 0;
     if (result == 0 && l.subscribed) {
@@ -115,7 +121,7 @@ uint32_t appeared(const listener &l, const json_t *data)
 int on_message(ubus_context * /*ctx*/, ubus_object *object, ubus_request_data *request, const char *name,
                blob_attr *message)
 {
-    auto &l = *reinterpret_cast<listener *>(object);
+    listener &l = owner(object);
     if (l.record->closed) return UBUS_STATUS_OK;
     const json_ref data{json_object()};
     if (!data || vela::read_json(data.get(), message) < 0) return UBUS_STATUS_INVALID_ARGUMENT;

@@ -280,11 +280,17 @@ int request_error(const ubus_record &record, int status)
 
 bool connected(const ubus_record &record) { return record.ctx && record.ctx->sock.fd >= 0 && !record.ctx->sock.eof; }
 
+int may_request(const ubus_record &record, const deadline &until)
+{
+    const pipe_signal_blocked quiet;
+    if (connected(record) && limit_requests(record.ctx, until)) return 0;
+    return connected(record) ? -ETIMEDOUT : -ENOTCONN;
+}
+
 int look_up(ubus_record &record, const char *name, uint32_t &id, const deadline &until)
 {
-    if (!connected(record)) return -ENOTCONN;
+    if (const int result = may_request(record, until); result < 0) return result;
     const pipe_signal_blocked quiet;
-    if (!limit_requests(record.ctx, until)) return connected(record) ? -ETIMEDOUT : -ENOTCONN;
     uint32_t found = 0; // stays 0 where the daemon shows nothing of the object to this process
     const int status = ubus_lookup_id(record.ctx, name, &found);
     if (status != UBUS_STATUS_OK) return request_error(record, status);

@@ -20,6 +20,9 @@
 extern "C" {
 #endif
 
+/** Where the bus daemon listens. */
+#define VELA_UBUS_PATH "/var/run/ubus/ubus.sock"
+
 struct blob_attr;
 struct event;
 struct event_base;
@@ -137,6 +140,16 @@ VELA_API int vela_ubus_call(vela_ubus_interface_t *iface, const char *method, co
 /** The same for an object of another name, looked up each time. The record's own object stays what it is. */
 VELA_API int vela_ubus_call_object(vela_ubus_interface_t *iface, const char *object, const char *method,
                                    const json_t *args, json_t **answer, int timeout_ms);
+
+/**
+ * Asks the bus what it offers.
+ *
+ * @param path  of an object, or the beginning of paths and "*"; null for all
+ * @return a new reference to an object with a member for each object by its path: its methods by name, each an object
+ *         of arguments by name, with their types in words ("int32", "string", "table", "any"). Null with errno as
+ *         vela_ubus_call() has it, ENOENT where nothing fits
+ */
+VELA_API json_t *vela_ubus_objects_json(vela_ubus_interface_t *iface, const char *path);
 
 /** What such a result means, in a few words for people. Static. */
 VELA_API const char *vela_ubus_error_text(int result);

@@ -115,12 +115,12 @@ c_string clean_copy(const char *text)
     return copy;
 }
 
-int read_run(json_t *into, const void *data, size_t length, int level);
+int read_run(json_t *into, void *data, size_t left, int level);
 
 /// Makes the JSON value of an attribute that has been checked; none where JSON has no word for it.
-int read_value(json_ref &value, const blob_attr *attr, int level)
+int read_value(json_ref &value, blob_attr *attr, int level)
 {
-    const void *const data = blobmsg_data(attr);
+    void *const data = blobmsg_data(attr);
     switch (blobmsg_type(attr)) {
     case BLOBMSG_TYPE_TABLE: value.reset(json_object()); break;
     case BLOBMSG_TYPE_ARRAY: value.reset(json_array()); break;
@@ -144,24 +144,22 @@ int read_value(json_ref &value, const blob_attr *attr, int level)
     return read_run(value.get(), data, static_cast<size_t>(blobmsg_data_len(attr)), level + 1);
 }
 
-/// Adds one value to an object, which has no place for one without a name, or to an array.
-int read_into(json_t *into, const blob_attr *attr, int level)
+/// Adds one value to an array, or to an object, which has no place for one without a name.
+int read_into(json_t *into, blob_attr *attr, int level)
 {
-    const c_string name = clean_copy(blob_is_extended(attr) ? blobmsg_name(attr) : "");
-    if (!name) return -ENOMEM;
+    const char *const name = blob_is_extended(attr) ? blobmsg_name(attr) : "";
     const bool is_table = json_is_object(into);
-    if (is_table && *name.get() == '\0') return 0;
+    if (is_table && *name == '\0') return 0;
     json_ref value;
     if (const int result = read_value(value, attr, level); result < 0 || !value) return result;
-    const int added = is_table ? json_object_set_new_nocheck(into, name.get(), value.release())
-                               : json_array_append_new(into, value.release());
-    return added == 0 ? 0 : -ENOMEM;
+    if (is_table) return add_clean(into, name, std::move(value));
+    return json_array_append_new(into, value.release()) == 0 ? 0 : -ENOMEM;
 }
 
-int read_run(json_t *into, const void *data, size_t left, int level)
+int read_run(json_t *into, void *data, size_t left, int level)
 {
     if (level > levels_max) return -EBADMSG;
-    const auto *attr = static_cast<const blob_attr *>(data);
+    auto *attr = static_cast<blob_attr *>(data); // libubox reads through no const
     while (left >= sizeof *attr && blob_pad_len(attr) >= sizeof *attr && blob_pad_len(attr) <= left) {
         if (!blobmsg_check_attr(attr, false)) return -EBADMSG;
         if (const int result = read_into(into, attr, level); result < 0) return result;
@@ -181,6 +179,12 @@ int append_json(blob_buf &message, const json_t *object, size_t most)
 int read_json(json_t *object, const blob_attr *message)
 {
     return read_run(object, blob_data(message), static_cast<size_t>(blob_len(message)), 1);
+}
+
+int add_clean(json_t *object, const char *name, json_ref value)
+{
+    const c_string key = clean_copy(name);
+    return key && json_object_set_new_nocheck(object, key.get(), value.release()) == 0 ? 0 : -ENOMEM;
 }
 
 } // namespace vela

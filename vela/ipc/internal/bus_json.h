@@ -21,4 +21,7 @@ int append_json(blob_buf &message, const json_t *object, size_t most);
 /// @return 0; -EBADMSG for a malformed value, or more than 16 levels; -ENOMEM
 int read_json(json_t *object, const blob_attr *message);
 
+/// Adds a member to an object, its name made UTF-8. 0 or -ENOMEM.
+int add_clean(json_t *object, const char *name, json_ref value);
+
 } // namespace vela

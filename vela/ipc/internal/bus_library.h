@@ -2,6 +2,7 @@
 #pragma once
 
 #include <libubus.h>
+#include <sys/socket.h>
 #include <vela/core/internal/own.h>
 #include <vela/core/internal/wait.h>
 
@@ -40,13 +41,26 @@ inline void forget_object(ubus_context *ctx, ubus_object &object) { ubus_forget(
 
 #else
 
-// libubus makes its own connections, and waits for a greeting without a limit. A daemon that has just greeted another
-// connection of ours is awake.
+// libubus makes its own connections, and waits for a greeting without a limit. A daemon that has greeted another
+// connection of ours just now is awake.
 
-inline ubus_context *open_context(unique_fd /*greeted*/, const char *path) { return ubus_connect(path); }
-
-inline bool reopen_context(ubus_context *ctx, unique_fd /*greeted*/, const char *path)
+/// Whether the whole greeting has arrived. Closes the connection: a daemon may serve one after the other.
+inline bool has_greeted(unique_fd connection)
 {
+    char greeting[12];
+    const ssize_t n = recv(connection.get(), greeting, sizeof greeting, MSG_DONTWAIT);
+    connection.reset();
+    return n == sizeof greeting;
+}
+
+inline ubus_context *open_context(unique_fd greeted, const char *path)
+{
+    return has_greeted(std::move(greeted)) ? ubus_connect(path) : nullptr;
+}
+
+inline bool reopen_context(ubus_context *ctx, unique_fd greeted, const char *path)
+{
+    if (!has_greeted(std::move(greeted))) return false;
     if (ubus_reconnect(ctx, path) == UBUS_STATUS_OK) return true;
     ctx->sock.fd = -1; // libubus may leave a closed number, and close it again
     return false;

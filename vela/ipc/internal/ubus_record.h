@@ -35,6 +35,10 @@ public:
 /// Whether there is a connection to send on.
 bool connected(const ubus_record &record);
 
+/// To be called before requests other than ubus_invoke(), which end by `until` then. 0; -ENOTCONN; -ETIMEDOUT when the
+/// daemon is silent.
+int may_request(const ubus_record &record, const deadline &until);
+
 /// A status of the bus as a negative errno, 0 for success.
 int bus_error(int status);
 

@@ -1,10 +1,8 @@
 // The context of a bus connection: its requests, and its own objects.
 //
-// A request waits on the stack of the call that made it, in a list of the context's; whatever arrives meanwhile is
-// handed to the request it answers. So callbacks may make requests of their own, and the loss of the connection ends
-// them all. A frame leaves the context before it is handled: a callback may read the next one. What arrives for a
-// request whose callback is running is kept until that returns, so that callbacks do not pile up; and so are calls to
-// our own objects while a request waits or a handler runs.
+// One request at a time waits, on the stack of the call that made it; the loss of the connection ends it. Calls to our
+// own objects that arrive meanwhile are kept: their handlers run from the event handler only, one at a time, and may
+// make requests of their own.
 
 #include <cstddef>
 #include <cstdlib>
@@ -75,9 +73,6 @@ private:
 struct exchange : ubus_request {
     void (*take)(exchange &, const attributes &); // what a DATA frame brings
     ubus_lookup_handler_t found;
-    exchange *older;
-    bool busy; // its callback is running
-    frame_queue kept;
 
     void end(int status)
     {
@@ -88,7 +83,7 @@ struct exchange : ubus_request {
 
 struct context : ubus_context {
     incoming frame;
-    exchange *waiting = nullptr; // the youngest first
+    exchange *waiting = nullptr;
     ubus_object *objects = nullptr;
     frame_queue calls; // to them, in the order they came
     bool serving = false;
@@ -100,22 +95,17 @@ context &inside(ubus_context *ctx) { return *static_cast<context *>(ctx); }
 static_assert(offsetof(ubus_context, sock) == 0);   // from the descriptor to its context
 static_assert(offsetof(ubus_subscriber, obj) == 0); // from the object to its handler
 
-/// Keeps a request in the list while it lives.
-class enlisted
+/// Makes a request the one that waits, while it lives.
+class waiting_request
 {
 public:
-    enlisted(context &c, exchange &e) : context_{c}, exchange_{e}
-    {
-        e.older = c.waiting;
-        c.waiting = &e;
-    }
-    enlisted(const enlisted &) = delete;
-    enlisted &operator=(const enlisted &) = delete;
-    ~enlisted() { context_.waiting = exchange_.older; }
+    waiting_request(context &c, exchange &e) : context_{c} { context_.waiting = &e; }
+    waiting_request(const waiting_request &) = delete;
+    waiting_request &operator=(const waiting_request &) = delete;
+    ~waiting_request() { context_.waiting = nullptr; }
 
 private:
     context &context_;
-    exchange &exchange_;
 };
 
 /// A body under construction.
@@ -145,13 +135,6 @@ private:
     bool ok_;
 };
 
-void end_requests(context &c, int status)
-{
-    for (exchange *e = c.waiting; e; e = e->older) {
-        if (!e->status_msg) e->end(status);
-    }
-}
-
 /// Gives a connection up without a word. It stays open and readable, so that whoever watches it learns of the loss.
 void give_up(context &c)
 {
@@ -163,7 +146,7 @@ void give_up(context &c)
 void lose(context &c)
 {
     give_up(c);
-    end_requests(c, UBUS_STATUS_CONNECTION_FAILED);
+    if (c.waiting && !c.waiting->status_msg) c.waiting->end(UBUS_STATUS_CONNECTION_FAILED);
     if (c.connection_lost) c.connection_lost(&c);
 }
 
@@ -211,38 +194,19 @@ void serve(context &c, incoming call)
     answer_call(c, call.header, a, status);
 }
 
-exchange *request_of(const context &c, const frame_header &answer)
-{
-    for (exchange *e = c.waiting; e; e = e->older) {
-        const bool matches = e->seq == blob_be16(answer.seq) && e->peer == blob_be32(answer.peer);
-        if (matches && !e->status_msg) return e;
-    }
-    return nullptr;
-}
-
-/// Hands a part of an answer to its request. False when it can neither be taken nor kept.
-bool deliver(exchange &e, incoming &frame)
-{
-    if (e.busy) return e.kept.push(frame);
-    e.busy = true;
-    e.take(e, parse(frame.payload()));
-    while (!e.kept.empty()) e.take(e, parse(e.kept.pop().payload()));
-    e.busy = false;
-    return true;
-}
-
 void handle(context &c, incoming &frame)
 {
     if (frame.header.type == message::invoke) {
         if (!c.calls.push(frame)) lose(c);
         return;
     }
-    exchange *const e = request_of(c, frame.header);
-    if (!e) return; // an answer that came too late, or a notice nobody here asked for
-    if (frame.header.type == message::data && !deliver(*e, frame)) lose(c);
+    exchange *const e = c.waiting;
+    // An answer that came too late, or a notice nobody here asked for, is passed over.
+    if (!e || e->status_msg || e->seq != blob_be16(frame.header.seq) || e->peer != blob_be32(frame.header.peer)) return;
+    const attributes a = parse(frame.payload());
+    if (frame.header.type == message::data) e->take(*e, a);
     if (frame.header.type == message::status) {
-        const blob_attr *const status = parse(frame.payload())[attr_status];
-        e->end(status ? static_cast<int>(blob_get_u32(status)) : UBUS_STATUS_PARSE_ERROR);
+        e->end(a[attr_status] ? static_cast<int>(blob_get_u32(a[attr_status])) : UBUS_STATUS_PARSE_ERROR);
     }
 }
 
@@ -272,13 +236,13 @@ void on_event(uloop_fd *sock, unsigned int /*events*/)
 /// Sends a request and handles what arrives until its status has come.
 int perform(context &c, message type, const body_builder &body, exchange &e, const deadline &until)
 {
-    if (c.sock.fd < 0 || c.sock.eof) return UBUS_STATUS_INVALID_ARGUMENT;
+    if (c.sock.fd < 0 || c.sock.eof || c.waiting) return UBUS_STATUS_INVALID_ARGUMENT;
     if (!body.ok()) return UBUS_STATUS_NO_MEMORY;
     if (blob_raw_len(&body.body()) > body_max) return UBUS_STATUS_INVALID_ARGUMENT;
 
     e.ctx = &c;
     e.seq = ++c.request_seq;
-    const enlisted here{c, e};
+    const waiting_request here{c, e};
     const progress sent = send_message(c, type, e.seq, e.peer, body, until);
     if (sent == progress::nothing_yet) return UBUS_STATUS_TIMEOUT;
     if (sent == progress::broken) {
@@ -342,7 +306,6 @@ ubus_context *ubus_connect_socket(int fd, int greeting_ms)
 int ubus_reconnect_socket(ubus_context *ctx, int fd, int greeting_ms)
 {
     context &c = inside(ctx);
-    end_requests(c, UBUS_STATUS_CONNECTION_FAILED);
     const vela::unique_fd old{std::exchange(c.sock.fd, -1)};
     vela::unique_fd socket{fd};
     c.frame.forget();

@@ -4,9 +4,9 @@
  * of its own that make LIBUBUS_STAND_IN.
  *
  * The connection brings no event loop: watch `ctx->sock.fd` for reading and call `ctx->sock.cb` each time. Requests
- * wait for their answer, with a limit, and handle whatever else arrives meanwhile; calls to our own objects are kept
- * until the next event. One thread per context; in its callbacks the context may be used, but not freed. No signal
- * disposition is touched.
+ * wait for their answer, with a limit; calls to our own objects that arrive meanwhile are kept until the next event.
+ * Handlers of such calls may make requests, those of answers may not. One thread per context, which is not freed in its
+ * callbacks. No signal disposition is touched.
  *
  * When the daemon goes away `sock.eof` is set and `connection_lost` called, possibly inside a request that waits (which
  * then returns UBUS_STATUS_CONNECTION_FAILED), and again each time the handler runs until ubus_reconnect_socket() has
