@@ -53,9 +53,6 @@ TEST(CtrlProto, RefusesWhatDoesNotFit)
     EXPECT_STREQ("UNKNOWN", ctrl_type_to_string(253));
     EXPECT_EQ(-1, ctrl_socket_create(repeated(108).c_str()));
     EXPECT_EQ(ENAMETOOLONG, errno);
-    if (!faults::can_refuse_memory) return;
-    EXPECT_EXIT((faults::refuse_memory{1}, ctrl_msg_build("/tmp/there", 1, "x", 1)), testing::ExitedWithCode(1),
-                "ctrl-proto:[0-9]+: Out of memory");
 }
 
 TEST(Service, AsksTheDaemonWithOneJsonAttribute)

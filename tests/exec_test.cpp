@@ -35,7 +35,6 @@ TEST(Exec, RecordsHoldAndCopyCommands)
     const std::string text(5000, 'p');
     record source{exec_create(text.c_str(), "a", text.c_str(), NULL)};
     EXPECT_EQ(nullptr, source->argv[3]);
-    faults::for_each_allocation([&] { record{exec_copy(source.get())}; });
     const record copy{exec_copy(source.get())};
     source.reset();
     EXPECT_EQ(copy->path, copy->argv[0]) << "a copy stands by itself";

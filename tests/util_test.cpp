@@ -1,5 +1,4 @@
 #include "site/world.h"
-#include "tests/support/faults.h"
 #include "tests/support/log_lines.h"
 #include "tests/support/table.h"
 
@@ -37,17 +36,16 @@ TEST(Util, FormattedTextTellsWhenItIsCut)
         EXPECT_EQ(result, vela_snprintf("mod", message, out, size, "%ls", input)) << input;
     }
     EXPECT_THAT(log.texts(), ElementsAre("none", "vela_snprintf failure: -1", "cut"));
-    EXPECT_EQ("radio-1 1234", text + " "s + out);
+    EXPECT_STREQ("1234", out);
+    EXPECT_STREQ("radio-1", text);
     free(text);
-    const faults::refuse_memory none;
-    EXPECT_TRUE(!faults::can_refuse_memory || !malloc_printf("%d", 1));
 }
 
 TEST(Util, Hexadecimal)
 {
-    uint8_t bytes[256], mac[6]; // every byte, at every place in a word, and every rest of a word
+    uint8_t bytes[256];
     std::iota(bytes, bytes + 256, uint8_t{0});
-    for (const size_t count : {0, 1, 3, 4, 5, 6, 7, 256}) {
+    for (const size_t count : {0, 1, 256}) {
         const size_t size = 2 * count + 2; // the rest is cleared
         std::string upper(size, '\0'), lower = upper;
         for (size_t i = 0; i < count; ++i) sprintf(&upper[2 * i], "%02X", bytes[i]);
@@ -70,8 +68,16 @@ TEST(Util, Hexadecimal)
         EXPECT_EQ(4U, hex2uchar(text, bytes, 4)) << text;
         EXPECT_EQ(four, bytes[0] << 24U | bytes[1] << 16U | bytes[2] << 8U | bytes[3]) << text;
     }
-    EXPECT_TRUE(hex2uchar("", mac, 6) == 0 && mac[0] == 0) << "cleared nevertheless";
-    EXPECT_EQ(-2, strtomac("2-2-3-4-5-6", mac) + strtomac("2:0:5e:10:0:g", mac));
+    EXPECT_EQ(0U, hex2uchar("", bytes, 6));
+    EXPECT_EQ(0, bytes[0]) << "cleared nevertheless";
+}
+
+TEST(Util, MacAddresses)
+{
+    uint8_t mac[6] = {1};
+    for (const char *text : {"2-2-3-4-5-6", "2:0:5e:10:0:g", "", "1:2:3:4:5"})
+        EXPECT_EQ(-1, strtomac(text, mac)) << text;
+    EXPECT_EQ(1, mac[0]) << "untouched on failure";
     EXPECT_EQ(0, strtomac("2:00:5e:10:0:fF:cd", mac));
     EXPECT_THAT(mac, ElementsAre(2, 0, 0x5E, 0x10, 0, 0xFF));
 }
@@ -111,9 +117,13 @@ TEST(Util, TrimmingAndNames)
         EXPECT_EQ(trimmed, filled(6, [i = in](char *o) { strncpy_trim(o, 6, i), strncpy_trim(o, 0, "x"); }));
         EXPECT_EQ(parent, filled(6, [i = in](char *o) { strip_vlan_suffix(o, i, 6), strip_vlan_suffix(o, "x", 0); }));
     }
-    EXPECT_TRUE(is_ppp_dev("ppp") == 1 && is_ppp_dev("pp0") == 0);
-    EXPECT_EQ("SIGIO SIGSYS", vl_signame(SIGIO) + " "s + vl_signame(SIGSYS));
-    EXPECT_TRUE(!vl_signame(0) && !vl_signame(32) && !vl_signame(-1));
+    EXPECT_EQ(1, is_ppp_dev("ppp"));
+    EXPECT_EQ(0, is_ppp_dev("pp0"));
+    for (int n = 1; n <= 31; ++n) {
+        if (n != SIGIO) EXPECT_EQ("SIG"s + sigabbrev_np(n), vl_signame(n));
+    }
+    EXPECT_STREQ("SIGIO", vl_signame(SIGIO)); // the C library calls it by its other name
+    for (const int n : {0, 32, -1}) EXPECT_EQ(nullptr, vl_signame(n)) << n;
 }
 
 TEST(Util, CommentsOutLinesInPlace)
@@ -141,7 +151,7 @@ TEST(Util, SanitizeReplacesWhatIsNoCharacter)
     for (const std::string fault :
          {"\xBF", "\xC1\xBF", "\xC3", "\xE0\x9F\xBF", "\xE2\x82", "\xED\xA0\x80", "\xED\xBF\xBF", "\xF0\x8F\xBF\xBF",
           "\xF0\x9F\x98", "\xF4\x90\x80\x80", "\xF5\x80\x80\x80", "\xF8\xFF"}) {
-        for (size_t n = 0; n < 34; ++n) { // at every place in a block, at the end and in between
+        for (size_t n = 0; n < 17; ++n) { // at every place in a word, at the end and in between
             const std::string before = std::string(n, 'a') + sound, behind = n % 2 == 0 ? sound : "";
             std::string text = before + fault + behind;
             utf8_sanitize(text.data());
@@ -168,8 +178,10 @@ TEST(Util, Masks)
     for (unsigned n = 0; n <= 32; ++n) {
         EXPECT_EQ(UINT64_C(0xFFFFFFFF) << 32 >> n & UINT32_MAX, ipv4_netmask_from_prefix_len(n)) << n;
     }
-    EXPECT_EQ(3U, ipv4_prefix_len_from_netmask(0x80000003) + ipv4_netmask_from_prefix_len(33));
-    EXPECT_TRUE(ip_belongs_to_subnet(0x281, 0x201, ~0xFFU) == 1 && ip_belongs_to_subnet(0x381, 0x281, ~0xFFU) == 0);
+    EXPECT_EQ(0U, ipv4_netmask_from_prefix_len(33));
+    EXPECT_EQ(3U, ipv4_prefix_len_from_netmask(0x80000003));
+    EXPECT_EQ(1, ip_belongs_to_subnet(0x281, 0x201, ~0xFFU));
+    EXPECT_EQ(0, ip_belongs_to_subnet(0x381, 0x281, ~0xFFU));
     uint8_t mask[16], zero[16] = {};
     ipv6_netmask_from_prefix_len(mask, -1);
     EXPECT_THAT(mask, Each(0xFF));

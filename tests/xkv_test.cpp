@@ -1,5 +1,4 @@
 #include "site/world.h"
-#include "tests/support/faults.h"
 #include "tests/support/leaks.h"
 #include "tests/support/table.h"
 
@@ -45,12 +44,6 @@ TEST(Xkv, LoadsFilesOfEverySizeAndThoseThatTellNone)
         EXPECT_GE(strlen(vela::c_string{xkv_file_to_buff(file)}.get()), least) << file;
     }
     leaks.expect_unchanged();
-
-    if (!faults::can_refuse_memory) return;
-    site::put_file(path, "k=1\n");
-    const auto load_without = [](int n) { return faults::refuse_memory(n), xkv_file_to_buff(path); };
-    EXPECT_EXIT(load_without(0), testing::ExitedWithCode(1), "^xkv:78: Out of memory\n$");
-    EXPECT_EXIT(load_without(1), testing::ExitedWithCode(1), "^xkv:89: Out of memory\n$");
 }
 
 TEST(Xkv, FindsKeysAnywhereInALine)

@@ -35,6 +35,16 @@ struct countdown {
 };
 
 thread_local countdown memory;
+thread_local faults::allocations counted;
+
+template <class Allocate> void *allocate(void *before, Allocate allocate)
+{
+    if (memory.fails()) return nullptr;
+    void *block = allocate();
+    ++counted.made;
+    counted.left += block != nullptr && before == nullptr;
+    return block;
+}
 countdown calls[static_cast<size_t>(faults::call::count_)];
 
 countdown &fault(faults::call which) { return calls[static_cast<size_t>(which)]; }
@@ -59,6 +69,13 @@ bool refuse_memory::happened() const { return memory.happened; }
 refuse::refuse(call which, int error, int n, bool all) : which_{which} { fault(which) = {n, error, all, false}; }
 refuse::~refuse() { fault(which_) = {}; }
 
+allocations count_allocations(const std::function<void()> &body)
+{
+    counted = {};
+    body();
+    return counted;
+}
+
 void for_each_allocation(const std::function<void()> &body)
 {
     for (int n = 0; n < 1000; ++n) {
@@ -80,9 +97,25 @@ void *__libc_malloc(size_t);
 void *__libc_calloc(size_t, size_t);
 void *__libc_realloc(void *, size_t);
 
-void *malloc(size_t size) { return memory.fails() ? nullptr : __libc_malloc(size); }
-void *calloc(size_t count, size_t size) { return memory.fails() ? nullptr : __libc_calloc(count, size); }
-void *realloc(void *block, size_t size) { return memory.fails() ? nullptr : __libc_realloc(block, size); }
+void __libc_free(void *);
+
+void *malloc(size_t size)
+{
+    return allocate(nullptr, [=] { return __libc_malloc(size); });
+}
+void *calloc(size_t count, size_t size)
+{
+    return allocate(nullptr, [=] { return __libc_calloc(count, size); });
+}
+void *realloc(void *block, size_t size)
+{
+    return allocate(block, [=] { return __libc_realloc(block, size); });
+}
+void free(void *block)
+{
+    counted.left -= block != nullptr;
+    __libc_free(block);
+}
 #endif
 
 pid_t fork(void)

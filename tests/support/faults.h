@@ -39,6 +39,13 @@ private:
     call which_;
 };
 
+/// How many allocations this thread makes in `body`, and how many blocks of them are left after it.
+struct allocations {
+    int made;
+    int left;
+};
+allocations count_allocations(const std::function<void()> &body);
+
 /// Runs `body` with its first, second, ... allocation refused, until it runs without any being refused.
 void for_each_allocation(const std::function<void()> &body);
 
