@@ -1,9 +1,14 @@
 #include "site/world.h"
+#include "tests/support/faults.h"
+#include "tests/support/json.h"
+#include "tests/support/leaks.h"
 #include "tests/support/log_lines.h"
 #include "tests/support/table.h"
 
 #include <deque>
 #include <gmock/gmock.h>
+#include <random>
+#include <sys/stat.h>
 #include <vela/board/board.h>
 #include <vela/mesh/vwire.h>
 
@@ -129,4 +134,107 @@ TEST(Vwire, BandChoice)
         EXPECT_EQ(expected, vwire_decide_best_band_index(&six, 6, rssi5 ? &five : nullptr, 5)) << line;
         EXPECT_EQ("band-select: " + line, log.texts().back());
     }
+}
+
+TEST(Vwire, EveryReasonIsNamed)
+{
+    static board_record board = {.radio_count = 1, .flags = BOARD_OUTDOOR}; // needs AFC
+    board.radios[0].flags = 0x80000000;
+    board.radios[0].flags8 = 0x80;
+    update_cached_board(&board);
+    const auto explained = [](heard &h, const char *essid) {
+        const vela::json_ref why{vwire_explain(&h.table, essid, 4, serial_a, 17, serial_b, 17)};
+        std::string text = "reason " + dumped(json_object_get(why.get(), "reason"));
+        size_t index = 0;
+        json_t *step = nullptr;
+        json_array_foreach(json_object_get(why.get(), "steps"), index, step)
+        {
+            text += std::string(" ") + json_string_value(json_object_get(step, "verdict")) + ":" +
+                    json_string_value(json_object_get(step, "reason"));
+        }
+        return text;
+    };
+    log_lines log;
+    heard h;
+    EXPECT_EQ("reason \"no_candidate\" skipped:no_candidate skipped:no_candidate", explained(h, nullptr));
+    for (int flag = 0; flag < 4; ++flag) h.add(0, 99, 0x20)->mesh[flag] = 0;
+    h.add(0, 99, 0x21, 5180, "other");
+    h.add(0, 99, 0x22, 2412);
+    h.add(1, 20, 0x0a);
+    h.add(1, 24, 0x23);
+    h.add(2, 19, 0x0a);
+    h.add(2, 60, 0x0b, 5955);
+    const std::string out = " refused:no_element refused:no_mesh refused:not_connected refused:takes_no_uplinks "
+                            "refused:other_essid refused:other_band chosen:serial1 passed:strongest passed:weaker ";
+    EXPECT_EQ("reason \"only_5ghz\"" + out + "chosen:serial2 refused:afc_inactive chosen:only_5ghz",
+              explained(h, "mesh"));
+    site::put_file("/var/run/afc.state", "active");
+    EXPECT_EQ("reason \"good_6ghz\"" + out + "chosen:serial2 chosen:good_6ghz passed:good_6ghz", explained(h, "mesh"));
+    EXPECT_TRUE(log.take().empty()) << "an explanation is no decision";
+}
+
+TEST(Vwire, AnExplanationIsTheDecision)
+{
+    std::mt19937 random(1);
+    const auto below = [&](unsigned n) { return static_cast<int>(random() % n); };
+    for (int world = 0; world < 2000; ++world) {
+        heard h;
+        for (int n = below(8); n > 0; --n) {
+            scan_entry *e = h.add(below(3), below(40), static_cast<uint8_t>(9 + below(4)), below(2) ? 5180 : 5955);
+            e->bssid[4] = static_cast<uint8_t>(n); // tells them apart
+            e->mesh[below(4)] = below(4) != 0;
+        }
+        const char *first = below(2) ? serial_a : nullptr, *second = below(2) ? serial_b : nullptr;
+        vwire_choice choice = {};
+        const int result = vwire_choose_parent(&h.table, nullptr, 0, first, 17, second, 17, &choice);
+        const vela::json_ref why{vwire_explain(&h.table, nullptr, 0, first, 17, second, 17)};
+        EXPECT_EQ(h.entries.size() + 2, json_array_size(json_object_get(why.get(), "steps")));
+
+        int index6 = 0, index5 = 0;
+        scan_entry *six = vwire_select_best_for_band(&h.table, nullptr, 0, "6e", first, 17, second, 17, &index6);
+        scan_entry *five = vwire_select_best_for_band(&h.table, nullptr, 0, "na", first, 17, second, 17, &index5);
+        const int band = vwire_decide_best_band_index(six, 6, five, 5);
+        ASSERT_EQ(band < 0 ? -ENOENT : 0, result) << world;
+        EXPECT_EQ(band < 0 ? nullptr : band == 6 ? six : five, choice.entry) << world;
+        EXPECT_EQ(band < 0 ? 0 : band == 6 ? index6 : index5, choice.index) << world;
+        char bssid[18] = "";
+        if (choice.entry)
+            snprintf(bssid, sizeof bssid, "02:56:4c:00:%02x:%02x", choice.entry->bssid[4], choice.entry->bssid[5]);
+        const char *answer = json_string_value(json_object_get(why.get(), "answer"));
+        EXPECT_STREQ(bssid, answer ? answer : "") << world;
+    }
+}
+
+TEST(Vwire, PayloadIsWholeOrNotThere)
+{
+    constexpr const char *path = "/var/run/vwire.payload";
+    const leak_check leaks;
+    std::string most(VWIRE_PAYLOAD_MAX, 'x'), read(VWIRE_PAYLOAD_MAX + 10, '-');
+    EXPECT_EQ(-ENOENT, get_vwire_payload(read.data(), read.size()));
+    EXPECT_EQ(-EINVAL, set_vwire_payload("", 0));
+    EXPECT_EQ(-EINVAL, set_vwire_payload(nullptr, 1));
+    EXPECT_EQ(-EMSGSIZE, set_vwire_payload(read.data(), VWIRE_PAYLOAD_MAX + 1));
+    umask(0);
+    EXPECT_EQ(0, set_vwire_payload("old", 3));
+    EXPECT_EQ(0, set_vwire_payload(most.data(), most.size()));
+    EXPECT_EQ("600\n", site::output_of(std::string("stat -c %a ") + path));
+    EXPECT_EQ(VWIRE_PAYLOAD_MAX, get_vwire_payload(nullptr, 0));
+    EXPECT_EQ(VWIRE_PAYLOAD_MAX, get_vwire_payload(read.data(), 2));
+    EXPECT_EQ("xx-", read.substr(0, 3)) << "cut to its room";
+    site::put_file(path, std::string(VWIRE_PAYLOAD_MAX + 1, 'x'));
+    EXPECT_EQ(-EMSGSIZE, get_vwire_payload(read.data(), read.size()));
+    EXPECT_EQ(0, unset_vwire_payload());
+    EXPECT_EQ(0, unset_vwire_payload()) << "there is none";
+    leaks.expect_unchanged();
+
+    for (const auto &[command, result] : table<std::string, int>{{"mkdir ", -EISDIR}, {"ln -s /etc/passwd ", -ELOOP}}) {
+        ASSERT_EQ(0, site::run(command + path));
+        EXPECT_EQ(result, set_vwire_payload("new", 3)) << command;
+        EXPECT_EQ(result, get_vwire_payload(read.data(), read.size())) << command;
+        EXPECT_EQ(result, unset_vwire_payload()) << command;
+        ASSERT_EQ(0, site::run(std::string("rm -d ") + path));
+    }
+    const faults::refuse full(faults::call::write, ENOSPC);
+    EXPECT_EQ(-ENOSPC, set_vwire_payload("new", 3));
+    leaks.expect_unchanged();
 }

@@ -80,12 +80,15 @@ struct real_name {
     explicit real_name(const char *ifname) { (void)get_real_ifname(ifname, text); } // null leaves ""
 };
 
-void full_scan(const char *ifname, const char *ssid, uint32_t flags)
+// Whether the radio took the request, as do the following.
+bool full_scan(const char *ifname, const char *ssid, uint32_t flags)
 {
-    if (vela_scan_request(ifname, ssid, flags) != 0) log_error_as("vela_wifi_scan", "vela_scan_request failure");
+    if (vela_scan_request(ifname, ssid, flags) == 0) return true;
+    log_error_as("vela_wifi_scan", "vela_scan_request failure");
+    return false;
 }
 
-void neighbour_scan(const char *ifname, const char *ssid, uint32_t mhz, const neighbours &in_5g,
+bool neighbour_scan(const char *ifname, const char *ssid, uint32_t mhz, const neighbours &in_5g,
                     const neighbours &in_6g)
 {
     constexpr const char *step = "scan_all_uplink_wds_ifaces_neighbor";
@@ -105,9 +108,33 @@ void neighbour_scan(const char *ifname, const char *ssid, uint32_t mhz, const ne
         log_info_as(step, "neighbor scan: %s full scan (no neighbors for band)", ifname);
         return full_scan(ifname, ssid, no_flags);
     }
-    if (vela_scan_request_freqs(ifname, ssid, known->mhz, known->size()) == 0) return;
+    if (vela_scan_request_freqs(ifname, ssid, known->mhz, known->size()) == 0) return true;
     log_info_as(step, "neighbor scan: %s freq scan failed, falling back to full scan", ifname);
-    full_scan(ifname, ssid, no_flags);
+    return full_scan(ifname, ssid, no_flags);
+}
+
+int scan_all(const char *ssid, uplink_table *t, uint32_t flags)
+{
+    int started = 0;
+    for (int i = 0; is_uplink_wds_iface_index_valid(t, i); ++i) {
+        started += full_scan(real_name{t->entries[i].devname}.text, ssid, flags) ? 1 : 0;
+    }
+    return started;
+}
+
+int scan_neighbours(const char *ssid, uplink_table *t)
+{
+    const neighbours in_5g{channels_5g_path, VL_BAND_5G};
+    const neighbours in_6g{channels_6g_path, VL_BAND_6G};
+    log_info_as("scan_all_uplink_wds_ifaces_neighbor", "neighbor scan: 5GHz=%d 6GHz=%d channels", in_5g.size(),
+                in_6g.size());
+    frequency_query query;
+    int started = 0;
+    for (int i = 0; is_uplink_wds_iface_index_valid(t, i); ++i) {
+        const real_name real{t->entries[i].devname};
+        started += neighbour_scan(real.text, ssid, query.of(real.text), in_5g, in_6g) ? 1 : 0;
+    }
+    return started;
 }
 
 bool is_filter(const char *essid, int len) { return essid && len > 0 && strcmp(essid, no_filter) != 0; }
@@ -116,29 +143,25 @@ bool is_filter(const char *essid, int len) { return essid && len > 0 && strcmp(e
 
 int scan_all_uplink_wds_ifaces(const char *ssid, uplink_table *t, uint32_t flags)
 {
-    for (int i = 0; is_uplink_wds_iface_index_valid(t, i); ++i) {
-        full_scan(real_name{t->entries[i].devname}.text, ssid, flags);
-    }
+    (void)scan_all(ssid, t, flags); // failures are logged
     return 0;
 }
 
 int scan_24G_for_out_of_range(const char *ifname)
 {
-    full_scan(real_name{ifname}.text, nullptr, no_flags);
+    (void)full_scan(real_name{ifname}.text, nullptr, no_flags); // likewise
     return 0;
 }
 
 int scan_all_uplink_wds_ifaces_neighbor(const char *ssid, uplink_table *t)
 {
-    const neighbours in_5g{channels_5g_path, VL_BAND_5G};
-    const neighbours in_6g{channels_6g_path, VL_BAND_6G};
-    log_info("neighbor scan: 5GHz=%d 6GHz=%d channels", in_5g.size(), in_6g.size());
-    frequency_query query;
-    for (int i = 0; is_uplink_wds_iface_index_valid(t, i); ++i) {
-        const real_name real{t->entries[i].devname};
-        neighbour_scan(real.text, ssid, query.of(real.text), in_5g, in_6g);
-    }
+    (void)scan_neighbours(ssid, t); // likewise
     return 0;
+}
+
+int vela_uplink_scan(const char *ssid, uplink_table *t, int neighbours_only)
+{
+    return neighbours_only ? scan_neighbours(ssid, t) : scan_all(ssid, t, no_flags);
 }
 
 int collect_uplink_wds_iface_scan_records(uplink_table *t)

@@ -122,6 +122,14 @@ VELA_API int scan_24G_for_out_of_range(const char *ifname);
  */
 VELA_API int scan_all_uplink_wds_ifaces_neighbor(const char *ssid, uplink_table *t);
 
+/**
+ * As the two above, and says what came of it: a radio that is busy or down starts no scan.
+ *
+ * @param neighbours_only  non-zero: as scan_all_uplink_wds_ifaces_neighbor()
+ * @return how many scans were started, 0 to the number of entries
+ */
+VELA_API int vela_uplink_scan(const char *ssid, uplink_table *t, int neighbours_only);
+
 /** Stores what the real device of every entry heard. 0. Free with destroy_uplink_wds_iface_scan_records(). */
 VELA_API int collect_uplink_wds_iface_scan_records(uplink_table *t);
 
