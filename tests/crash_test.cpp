@@ -1,6 +1,7 @@
 #include "site/world.h"
 #include "tests/support/faults.h"
 #include "tests/support/https.h"
+#include "tests/support/json.h"
 #include "tests/support/leaks.h"
 #include "tests/support/table.h"
 #include "tests/support/text.h"
@@ -194,4 +195,40 @@ TEST_F(Crash, AStatusThatCannotBeHadIsNoAnswer)
     EXPECT_EQ(-1, oops_clear());
     signal(SIGCHLD, SIG_DFL);
     EXPECT_EQ(1, has_oops()) << "asked again";
+}
+
+// Every state that a report can be in, explained and then tried.
+TEST_F(Crash, AnExplanationIsTheDecision)
+{
+    site::put_program("/usr/bin/oopsdump", "exit 0");
+    service->on("/v1/kernel-crash", site::reply{200});
+    for (unsigned world = 0; world < 1 << 6; ++world) {
+        const auto bit = [world](unsigned n) { return (world >> n & 1) != 0; };
+        site::lay_out_device();
+        if (bit(0)) site::remove_file("/var/run/ntp.ready");
+        if (bit(1)) site::remove_file("/var/run/ipready.br0");
+        site::put_file("/var/run/system.analytics.mode", bit(2) ? "0" : "1");
+        site::put_file(coredump_mode, bit(3) ? "1" : "0");
+        crash.type = bit(4) ? CRASH_MINIDUMP : CRASH_CORE_DUMP;
+        crash.size = bit(5) ? 8 : 0;
+        if (bit(5)) site::put_file("/var/run/last-crashlog.sent", "");
+
+        const char *reason = bit(0)   ? "clock_not_set"
+                             : bit(1) ? "no_bridge_address"
+                             : bit(2) ? "analytics_off"
+                                      : "ready";
+        vela::json_ref why{crash_explain(&crash)};
+        EXPECT_STREQ(reason, text_of(why, "reason")) << world;
+        send(!text_of(why, "answer") ? 0 : strstr(text_of(why, "answer"), "dump") ? 2 : 1);
+
+        why.reset(crash_explain(nullptr));
+        EXPECT_STREQ(bit(5) && strcmp(reason, "ready") == 0 ? "already_sent" : reason, text_of(why, "reason")) << world;
+        (void)send_kernel_crash();
+        EXPECT_EQ(text_of(why, "answer") ? 1U : 0U, service->requests().size()) << world;
+        site::remove_file("/var/run/last-crashlog.sent");
+    }
+    crash.type = 5;
+    EXPECT_STREQ("unknown_kind", text_of(vela::json_ref{crash_explain(&crash)}, "reason"));
+    oops_clear();
+    EXPECT_STREQ("no_crash_log", text_of(vela::json_ref{crash_explain(nullptr)}, "reason"));
 }

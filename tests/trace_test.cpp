@@ -117,6 +117,7 @@ TEST_F(Trace, WhatIsNoBatchOrNotAllowedIsNotSent)
     EXPECT_THAT(log.texts(), ElementsAre("Traces must be an array", "Traces must be an array"));
     site::put_file("/var/run/system.analytics.mode", "0\n");
     EXPECT_EQ(4, send_traces(object, nullptr)) << "analytics come before everything";
+    EXPECT_STREQ("analytics_off", text_of(vela::json_ref{trace_explain()}, "reason"));
     EXPECT_EQ(4, send_trace_with_meta(object, object));
     EXPECT_EQ(4, send_trace_simple("n", "t", json_object()));
     site::remove_file("/var/run/system.analytics.mode");
@@ -132,9 +133,12 @@ TEST_F(Trace, WhatIsNoBatchOrNotAllowedIsNotSent)
 TEST_F(Trace, EachFailureBeyondTheFourthDoublesTheWait)
 {
     const leak_check leaks;
+    const auto reason = [] { return text_of(vela::json_ref{trace_explain()}, "reason") + std::string(); };
     const auto five_failures = [&] {
+        EXPECT_EQ("ready", reason());
         for (int attempt = 1; attempt <= 5; ++attempt) EXPECT_EQ(1, send()) << attempt;
         EXPECT_EQ(2, send()) << "a second to wait";
+        EXPECT_EQ("too_early", reason());
     };
     five_failures();
     {
@@ -154,6 +158,7 @@ TEST_F(Trace, EachFailureBeyondTheFourthDoublesTheWait)
     }
     clock_offset_ms += 365LL * 24 * 3600 * 1000;
     EXPECT_EQ(3, send()) << "for good";
+    EXPECT_EQ("given_up", reason());
     EXPECT_EQ(1U, batch->refcount);
     auto lines = log.take();
     std::erase_if(lines, [](const auto &line) { return line.function != "send_traces"; });

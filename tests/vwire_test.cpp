@@ -200,8 +200,7 @@ TEST(Vwire, AnExplanationIsTheDecision)
         char bssid[18] = "";
         if (choice.entry)
             snprintf(bssid, sizeof bssid, "02:56:4c:00:%02x:%02x", choice.entry->bssid[4], choice.entry->bssid[5]);
-        const char *answer = json_string_value(json_object_get(why.get(), "answer"));
-        EXPECT_STREQ(bssid, answer ? answer : "") << world;
+        EXPECT_STREQ(choice.entry ? bssid : nullptr, text_of(why, "answer")) << world;
     }
 }
 

@@ -1,6 +1,7 @@
 // JSON in tests: documents from texts, and texts from documents.
 //   parsed(R"({"a": 1})")  an owned document; a text that is none fails the test
 //   dumped(value)          compact, keys sorted, bare values too; "null" for none. Looks, or takes what it owns
+//   text_of(value, "key")  the text of a member; null where there is none
 #pragma once
 
 #include <gtest/gtest.h>
@@ -22,3 +23,8 @@ inline std::string dumped(const json_t *value)
     return text ? text.get() : "null";
 }
 inline std::string dumped(const vela::json_ref &value) { return dumped(value.get()); }
+
+inline const char *text_of(const vela::json_ref &object, const char *key)
+{
+    return json_string_value(json_object_get(object.get(), key));
+}

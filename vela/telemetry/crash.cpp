@@ -14,6 +14,7 @@
 #include <vela/core/internal/log.h>
 #include <vela/core/internal/own.h>
 #include <vela/core/internal/text.h>
+#include <vela/core/internal/verdicts.h>
 #include <vela/exec/exec.h>
 #include <vela/settings.h>
 #include <vela/telemetry/crash.h>
@@ -26,6 +27,7 @@ namespace
 {
 
 using namespace vela::telemetry;
+using vela::verdict;
 
 constexpr const char *log_module = "crash";
 
@@ -69,11 +71,43 @@ constexpr int no_status = -1;
 
 bool is_readable(const char *path) { return access(path, R_OK) == 0; }
 
-bool sending_allowed() { return is_readable(clock_ready_path) && is_readable(bridge_ready_path) && analytics_on(); }
+/// What must hold before anything is sent.
+struct condition {
+    const char *name;
+    bool (*holds)();
+    const char *unmet;
+};
+constexpr condition conditions[] = {
+    {"clock", [] { return is_readable(clock_ready_path); }, "clock_not_set"},
+    {"bridge_address", [] { return is_readable(bridge_ready_path); }, "no_bridge_address"},
+    {"analytics", analytics_on, "analytics_off"},
+};
 
-report_url make_url(const char *path)
+/// Whether a step of a decision refuses. Tells it, too.
+bool refuses(vela::verdicts *why, const char *name, bool holds, const char *met, const char *unmet)
 {
-    return report_url("%s/v1/%s", service_url(vela::settings::crash_url, vela::settings::crash_url_dev), path);
+    note(why, name, holds ? verdict::passed : verdict::refused, holds ? met : unmet);
+    return !holds;
+}
+
+/// Whether sending is allowed. With a sink all conditions are looked at, else those up to the first that is unmet.
+bool sending_allowed(vela::verdicts *why = nullptr)
+{
+    bool allowed = true;
+    for (const auto &c : conditions) {
+        if (!refuses(why, c.name, c.holds(), "holds", c.unmet)) continue;
+        allowed = false;
+        if (!why) break;
+    }
+    return allowed;
+}
+
+report_url make_url(const char *path, vela::verdicts *why = nullptr)
+{
+    const report_url url("%s/v1/%s", service_url(vela::settings::crash_url, vela::settings::crash_url_dev), path);
+    note(why, "url", url.fits() ? verdict::passed : verdict::refused, url.fits() ? "fits" : "url_too_long",
+         {{"url", url.c_str()}});
+    return url;
 }
 
 void add_value(json_t *report, const char *key, const char *path, const char *name, size_t max)
@@ -236,10 +270,36 @@ bool upload_file(const char *url, const void *data, uint32_t size)
     return true;
 }
 
-bool upload_wanted(const crash_info &crash)
+bool is_kind(const crash_info &crash, vela::verdicts *why = nullptr)
 {
-    if (!crash.data || crash.size == 0) return false;
-    return crash.type == CRASH_MINIDUMP || freadlong(coredump_mode_path, 0) == 1;
+    return !refuses(why, "kind", crash.type < std::size(crash_type_strs), "known", "unknown_kind");
+}
+
+bool upload_wanted(const crash_info &crash, vela::verdicts *why = nullptr)
+{
+    const auto decide = [why](bool wanted, const char *reason) {
+        note(why, "dump", wanted ? verdict::passed : verdict::skipped, reason);
+        return wanted;
+    };
+    if (!crash.data || crash.size == 0) return decide(false, "no_dump");
+    if (crash.type == CRASH_MINIDUMP) return decide(true, "minidump");
+    return freadlong(coredump_mode_path, 0) == 1 ? decide(true, "dumps_allowed") : decide(false, "dumps_not_allowed");
+}
+
+/// What holds the kernel's crash back. With a sink everything is looked at, else what comes up to the first.
+enum class held { no, without_log, not_allowed, sent };
+held kernel_crash_held(vela::verdicts *why = nullptr)
+{
+    held first = held::no;
+    const auto ends = [&first, why](held by) {
+        if (first == held::no) first = by;
+        return !why;
+    };
+    if (refuses(why, "crash_log", has_oops() != 0, "present", "no_crash_log") && ends(held::without_log)) return first;
+    if (!sending_allowed(why) && ends(held::not_allowed)) return first;
+    const bool unsent = access(sent_marker_path, F_OK) != 0;
+    if (refuses(why, "sent", unsent, "not_yet", "already_sent")) (void)ends(held::sent);
+    return first;
 }
 
 } // namespace
@@ -263,14 +323,11 @@ int oops_clear(void)
 
 int send_kernel_crash(void)
 {
-    if (!has_oops()) {
-        log_error("Tried processing a crash when no crash was found");
-        return -1;
-    }
-    if (!sending_allowed()) return -ENOENT;
-    if (access(sent_marker_path, F_OK) == 0) {
-        log_debug("Kernel crashlog already sent to analytics");
-        return 0;
+    switch (kernel_crash_held()) {
+    case held::without_log: log_error("Tried processing a crash when no crash was found"); return -1;
+    case held::not_allowed: return -ENOENT;
+    case held::sent: log_debug("Kernel crashlog already sent to analytics"); return 0;
+    case held::no: break;
     }
     log_info("Processing kernel crash");
     const report_url url = make_url(kernel_crash);
@@ -295,7 +352,7 @@ int send_kernel_crash(void)
 
 int send_crash(const crash_info *crash)
 {
-    if (!crash || crash->type >= std::size(crash_type_strs)) return -1;
+    if (!crash || !is_kind(*crash)) return -1;
     const bool upload = upload_wanted(*crash);
     if (!sending_allowed()) return 0;
 
@@ -316,4 +373,24 @@ int send_crash(const crash_info *crash)
         return -1;
     }
     return 0;
+}
+
+json_t *crash_explain(const crash_info *crash)
+{
+    vela::verdicts why{"crash"};
+    bool upload = false;
+    if (crash) {
+        (void)is_kind(*crash, &why); // what it told is what counts
+        upload = upload_wanted(*crash, &why);
+        (void)sending_allowed(&why);
+    } else {
+        (void)kernel_crash_held(&why);
+    }
+    (void)make_url(crash ? process_crash : kernel_crash, &why);
+    if (const char *reason = why.first_refusal()) {
+        why.conclude(reason);
+    } else {
+        why.conclude("ready", upload ? "report_and_dump" : "report");
+    }
+    return why.release();
 }

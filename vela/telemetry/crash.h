@@ -15,6 +15,7 @@
 #ifndef VELA_TELEMETRY_CRASH_H
 #define VELA_TELEMETRY_CRASH_H
 
+#include <jansson.h>
 #include <stdint.h>
 #include <vela/core/api.h>
 
@@ -78,6 +79,22 @@ VELA_API int oops_clear(void);
  *         service's URL does not fit; -4 when the report cannot be made; -5 when the service did not accept it
  */
 VELA_API int send_kernel_crash(void);
+
+/**
+ * What would become of a report now, and why: {question: "crash", answer, reason, steps: [{name, verdict, reason}]}.
+ * Nothing is sent or written; of commands, only "oopsdump -e" is run, for the kernel's crash. Every step is looked at,
+ * also behind one that holds the report back.
+ *
+ * The answer is "report", "report_and_dump", or missing where nothing would be sent; the reason is "ready" or that of
+ * the first refusal. Steps and what may refuse: "kind" unknown_kind, "clock" clock_not_set, "bridge_address"
+ * no_bridge_address, "analytics" analytics_off, "url" url_too_long, and for the kernel's crash "crash_log"
+ * no_crash_log, "sent" already_sent. The step "dump" says whether it goes along: minidump, dumps_allowed,
+ * dumps_not_allowed, no_dump.
+ *
+ * @param crash  as for send_crash(); null: the kernel's
+ * @return a new object, which the caller releases; null with errno when memory is short
+ */
+VELA_API json_t *crash_explain(const crash_info *crash);
 
 #ifdef __cplusplus
 }

@@ -11,6 +11,7 @@
 #include <vela/core/file.h>
 #include <vela/core/internal/log.h>
 #include <vela/core/internal/text.h>
+#include <vela/core/internal/verdicts.h>
 #include <vela/settings.h>
 #include <vela/telemetry/internal/report.h>
 #include <vela/telemetry/trace.h>
@@ -197,6 +198,35 @@ int put_envelope(const char *url, json_t *envelope)
     return failed;
 }
 
+vela::formatted<256> make_url()
+{
+    return vela::formatted<256>("%s/traces", service_url(vela::settings::trace_url, vela::settings::trace_url_dev));
+}
+
+/// What holds a batch back now; `sent` for nothing. With a sink both steps are looked at.
+int held_back(vela::verdicts *why = nullptr)
+{
+    using vela::verdict;
+    const bool allowed = analytics_on();
+    note(why, "analytics", allowed ? verdict::passed : verdict::refused, allowed ? "holds" : "analytics_off");
+    if (!allowed && !why) return analytics_off;
+
+    const uint64_t now = now_ms();
+    const uint64_t next = sender.last_attempt_ms + sender.backoff_ms;
+    int wait = sent;
+    const char *reason = sender.failures == 0 ? "no_failure" : "waited";
+    if (sender.backoff_ms > give_up_backoff_ms) { // On purpose: until the process ends.
+        wait = given_up;
+        reason = "given_up";
+    } else if (now < next) {
+        wait = too_early;
+        reason = "too_early";
+    }
+    note(why, "back_off", wait == sent ? verdict::passed : verdict::refused, reason,
+         {{"failures", sender.failures}, {"wait_ms", wait == too_early ? next - now : 0}});
+    return allowed ? wait : int{analytics_off};
+}
+
 } // namespace
 
 json_t *trace_object(void) { return json_object(); }
@@ -249,9 +279,7 @@ void trace_decref(json_t *value) { json_decref(value); }
 
 int send_traces(json_t *batch, json_t *meta)
 {
-    if (!analytics_on()) return analytics_off;
-    if (sender.backoff_ms > give_up_backoff_ms) return given_up; // On purpose: until the process ends.
-    if (now_ms() < sender.last_attempt_ms + sender.backoff_ms) return too_early;
+    if (const int held = held_back(); held != sent) return held;
     if (!json_is_array(batch)) {
         log_trace("Traces must be an array");
         return invalid;
@@ -261,8 +289,7 @@ int send_traces(json_t *batch, json_t *meta)
         log_trace("Failed to create envelope");
         return invalid;
     }
-    const vela::formatted<256> url("%s/traces", service_url(vela::settings::trace_url, vela::settings::trace_url_dev));
-    return put_envelope(url.c_str(), envelope.get());
+    return put_envelope(make_url().c_str(), envelope.get());
 }
 
 int send_trace_with_meta(json_t *trace, json_t *meta)
@@ -284,6 +311,16 @@ int send_trace_simple(const char *namespace_, const char *type, json_t *payload)
     (void)trace_object_set_type_new(trace.get(), json_string(type));
     (void)trace_object_set_namespace_new(trace.get(), json_string(namespace_));
     return send_trace_with_meta(trace.get(), nullptr);
+}
+
+json_t *trace_explain(void)
+{
+    vela::verdicts why{"trace"};
+    (void)held_back(&why); // what it told is what counts
+    note(&why, "url", vela::verdict::passed, "fits", {{"url", make_url().c_str()}});
+    const char *reason = why.first_refusal();
+    why.conclude(reason ? reason : "ready", reason ? nullptr : "send");
+    return why.release();
 }
 
 void dump_refcount(json_t *value)

@@ -83,6 +83,16 @@ VELA_API int send_trace_with_meta(json_t *trace, json_t *meta);
  */
 VELA_API int send_trace_simple(const char *namespace_, const char *type, json_t *payload);
 
+/**
+ * Whether a batch would be sent now, and what holds it back: {question: "trace", answer: "send", reason, steps: [{name,
+ * verdict, reason, ...}]}. Nothing is sent. The reason is "ready" or that of the first refusal, in which case there is
+ * no answer: "analytics" analytics_off, "back_off" too_early (after failures in a row; wait_ms tells for how long) or
+ * given_up. The back-off is this process's own.
+ *
+ * @return a new object, which the caller releases; null with errno when memory is short
+ */
+VELA_API json_t *trace_explain(void);
+
 /** Logs the structure of a JSON value with the reference count of each part, at level info; for debugging. */
 VELA_API void dump_refcount(json_t *value);
 
