@@ -22,7 +22,7 @@
 
 using machine::eventually;
 using machine::tell;
-using testing::UnorderedElementsAre;
+using testing::HasSubstr;
 
 namespace
 {
@@ -127,6 +127,14 @@ void send_frames(const char *ifname, const uint8_t *to, int count)
         (void)sendto(fd.get(), payload, sizeof payload, 0, reinterpret_cast<sockaddr *>(&address), sizeof address);
         usleep(1000);
     }
+}
+
+/// What the tool prints.
+std::string velactl(const std::string &arguments)
+{
+    const std::string text = site::output_of(VELACTL " " + arguments + " 2>&1");
+    tell("    $ velactl %s\n%s", arguments.c_str(), text.c_str());
+    return text;
 }
 
 class Stations : public testing::Test
@@ -250,6 +258,15 @@ TEST_F(Stations, FromTheFirstAssociationToTheLastDeparture)
     tell("    %lld bytes went through it", static_cast<long long>(counted));
     EXPECT_GE(counted, 100 * 514);
     EXPECT_EQ(0, vela_qos_clear("wlan0", nullptr));
+
+    tell("The same by the tool.");
+    EXPECT_THAT(velactl("radio wlan0"), testing::AllOf(HasSubstr("vela"), HasSubstr("serving")));
+    EXPECT_THAT(velactl("stations"), testing::AllOf(HasSubstr(one), HasSubstr(two)));
+    EXPECT_THAT(velactl("wireless 1"),
+                testing::AllOf(HasSubstr("interval_ms"), HasSubstr("noise_dbm"), HasSubstr(two)));
+    ASSERT_EQ(0, site::run("ip link set wlan3 up"));
+    EXPECT_THAT(velactl("scan wlan3"), testing::ContainsRegex("vela +02:00:00:00:00:00 +5180 +36 +80 +-[0-9]+ +open"));
+    EXPECT_THAT(velactl("choose wlan3 80"), testing::AllOf(HasSubstr("usable"), HasSubstr("refused: radar")));
 
     tell("The second one leaves while the list is read again and again, and comes back.");
     std::thread departure([&] { second.reset(); });

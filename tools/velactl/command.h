@@ -104,6 +104,7 @@ extern const std::span<const command> provider_commands;
 extern const std::span<const command> network_commands;
 extern const std::span<const command> link_commands;
 extern const std::span<const command> wireless_commands;
+extern const std::span<const command> station_commands;
 
 /// Options that stand with any command.
 struct settings {
