@@ -1,5 +1,6 @@
 // On real bridges: this world is the device, a network namespace "gw" behind its ports is the rest of the site.
 #include "site/world.h"
+#include "tests/support/json.h"
 #include "tests/support/leaks.h"
 #include "tests/support/log_lines.h"
 #include "tests/support/table.h"
@@ -49,6 +50,7 @@ void lay_bridge(int gateway_port)
 struct detected {
     std::string port; // "old" when there is none
     std::vector<std::string> log;
+    std::string reason; // as the explanation has it
 };
 
 detected detect(std::vector<std::string> names = {"eth0", "eth1", "eth2"})
@@ -59,11 +61,14 @@ detected detect(std::vector<std::string> names = {"eth0", "eth1", "eth2"})
     char out[16] = "old";
     const int result = gateway_detect_uplink("br0", candidates, static_cast<int>(names.size()), out, sizeof out);
     EXPECT_EQ(std::string_view(out) == "old" ? -1 : 0, result);
-    detected d{out, {}};
+    detected d{out, {}, {}};
     for (const auto &line : log.take()) {
         EXPECT_EQ("gateway-utils.gateway_detect_uplink", line.module + "." + line.function);
         d.log.push_back(line.text.substr(strlen("gateway-utils: ")));
     }
+    const vela::json_ref why{gateway_explain("br0", candidates, static_cast<int>(names.size()))};
+    EXPECT_STREQ(result == 0 ? out : nullptr, text_of(why, "answer"));
+    d.reason = text_of(why, "reason");
     return d;
 }
 
@@ -81,19 +86,21 @@ TEST(Gateway, FoundBehindABridgePortAndAgainAfterItMoved)
     EXPECT_THAT(detect().log,
                 ElementsAre("gateway 192.168.7.1 via br0", "neighbor on bridge, checking FDB", "FDB learned on eth1"));
     EXPECT_EQ("FDB interface eth1 not usable", detect({"eth0", "eth2"}).log.back());
-    for (const auto &[change, port, said] : table<std::string, const char *, const char *>{
+    EXPECT_EQ("no_candidate", detect({"eth0", "eth2"}).reason);
+    for (const auto &[change, port, said, reason] : table<std::string, const char *, const char *, const char *>{
              // First the gateway falls silent: what it says would be learned again.
              {"ip -n gw link set far1 down; bridge fdb replace $gateway dev eth2 master static", "eth2",
-              "FDB learned on eth2"},
+              "FDB learned on eth2", "fdb"},
              {"ip link set eth2 down; bridge fdb replace $gateway dev eth2 master static", "old",
-              "FDB interface eth2 not usable"},
-             {"bridge fdb del $gateway dev eth2 master", "old", "FDB lookup failed"},
-             {"ip neigh flush dev br0", "old", "gateway MAC not resolved"},
-             {"ip route del default", "old", "no default route"}}) {
+              "FDB interface eth2 not usable", "no_link"},
+             {"bridge fdb del $gateway dev eth2 master", "old", "FDB lookup failed", "not_learned"},
+             {"ip neigh flush dev br0", "old", "gateway MAC not resolved", "not_resolved"},
+             {"ip route del default", "old", "no default route", "no_default_route"}}) {
         must_run("gateway=02:56:4c:00:07:01; " + change);
         const detected d = detect();
         EXPECT_EQ(port, d.port) << change;
         EXPECT_EQ(said, d.log.back());
+        EXPECT_EQ(reason, d.reason) << change;
     }
     leaks.expect_unchanged();
 }

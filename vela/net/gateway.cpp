@@ -3,9 +3,11 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <net/if_arp.h>
 #include <vela/core/internal/log.h>
 #include <vela/core/internal/text.h>
+#include <vela/core/internal/verdicts.h>
 #include <vela/core/util.h>
 #include <vela/net/bridge.h>
 #include <vela/net/gateway.h>
@@ -13,6 +15,8 @@
 
 namespace raw_netlink = vela::raw_netlink;
 using vela::port_name;
+using vela::verdict;
+using vela::verdicts;
 
 namespace
 {
@@ -83,25 +87,109 @@ void add_link(candidate_list &list, const raw_netlink::message &m)
     }
 }
 
-/// The port that the forwarding database knows the gateway behind, when it is a candidate with link.
-int detect_in_database(const char *bridge, const uint8_t *mac, std::span<const port_name> candidates, char *out,
-                       size_t n)
+/// What a detection came to: a port, and how it was found; or none, and why not.
+struct detection {
+    bool found;
+    const char *reason;
+};
+
+/// One look for the port that leads to the default gateway.
+class search
 {
-    constexpr const char *step = "gateway_detect_uplink";
+public:
+    search(const char *bridge, std::span<const port_name> candidates, char *out, size_t size, verdicts *why)
+        : bridge_{bridge}, candidates_{candidates}, out_{out}, size_{size}, why_{why}
+    {
+    }
+    detection run();
+
+private:
+    static constexpr const char *step = "gateway_detect_uplink";
+
+    detection choose(const port_name &port, const char *how);
+    [[nodiscard]] detection refuse(const char *name, const char *reason) const;
+    void note_neighbour(const std::optional<vela::gateway_neighbour> &found) const;
+    detection look_in_database(const uint8_t *mac);
+
+    const char *bridge_;
+    std::span<const port_name> candidates_;
+    char *out_;
+    size_t size_;
+    verdicts *why_;
+    vela::interface_query interfaces_;
+};
+
+detection search::choose(const port_name &port, const char *how)
+{
+    note(why_, port, verdict::chosen, how);
+    vela::copy_text(out_, size_, port);
+    return {true, how};
+}
+
+detection search::refuse(const char *name, const char *reason) const
+{
+    if (why_ && !why_->has(name)) why_->note(name, verdict::refused, reason);
+    return {false, reason};
+}
+
+void search::note_neighbour(const std::optional<vela::gateway_neighbour> &found) const
+{
+    if (!why_) return;
+    if (!found) return why_->note("neighbour", verdict::skipped, "no_answer");
+    if (!found->has_mac) return why_->note("neighbour", verdict::skipped, "not_in_table");
+    why_->note("neighbour", verdict::passed, found->has_port ? "on_port" : "on_bridge", {{"mac", found->mac}});
+}
+
+/// The port that the forwarding database knows the gateway behind, when it is a candidate with link.
+detection search::look_in_database(const uint8_t *mac)
+{
     char mac_text[18];
     port_name learned = "";
     (void)gateway_mac_to_str(mac, mac_text, sizeof mac_text); // the size fits
-    if (gateway_fdb_lookup(bridge, mac_text, learned, sizeof learned) != 0) {
+    if (gateway_fdb_lookup(bridge_, mac_text, learned, sizeof learned) != 0) {
         log_debug_as(step, "%s: FDB lookup failed", log_module);
-        return -1;
+        return refuse("fdb", "not_learned");
     }
     log_debug_as(step, "%s: FDB learned on %s", log_module, learned);
-    if (!vela::find(candidates, learned) || get_ethtool_link_status(learned) < 1) {
+    note(why_, "fdb", verdict::passed, "learned", {{"port", learned}});
+    const bool is_candidate = vela::find(candidates_, learned);
+    if (!is_candidate || get_ethtool_link_status(learned) < 1) {
         log_debug_as(step, "%s: FDB interface %s not usable", log_module, learned);
-        return -1;
+        return refuse(learned, is_candidate ? "no_link" : "no_candidate");
     }
-    vela::copy_text(out, n, learned);
-    return 0;
+    return choose(learned, "fdb");
+}
+
+detection search::run()
+{
+    auto kernel = vela::routing_tables();
+    const auto route = vela::fetch_default_route(kernel, interfaces_);
+    if (!route) {
+        log_debug_as(step, "%s: no default route", log_module);
+        return refuse("route", "no_default_route");
+    }
+    const char *via = *route->ifname ? route->ifname : "(unknown)";
+    log_debug_as(step, "%s: gateway %s via %s", log_module, route->gateway_text, via);
+    note(why_, "route", verdict::passed, "found", {{"gateway", route->gateway_text}, {"interface", via}});
+
+    const auto found = vela::fetch_gateway_neighbour(kernel, interfaces_, route->gateway, candidates_);
+    note_neighbour(found);
+    auto seen = found.value_or(vela::gateway_neighbour{});
+    if (seen.has_port && interfaces_.link(seen.port) > 0) {
+        log_debug_as(step, "%s: neighbor on %s", log_module, seen.port);
+        return choose(seen.port, "neighbour");
+    }
+    if (seen.has_port) {
+        log_debug_as(step, "%s: neighbor candidate %s is down", log_module, seen.port);
+        (void)refuse(seen.port, "no_link"); // the database may know it elsewhere
+    } else if (found) {
+        log_debug_as(step, "%s: neighbor on bridge, checking FDB", log_module);
+    }
+    if (!seen.has_mac && gateway_get_mac(route->gateway_text, seen.mac) != 0) {
+        log_debug_as(step, "%s: gateway MAC not resolved", log_module);
+        return refuse("mac", "not_resolved");
+    }
+    return look_in_database(seen.mac);
 }
 
 } // namespace
@@ -171,31 +259,23 @@ int gateway_detect_uplink(const char *bridge, char (*candidates)[16], int count,
 {
     if (!bridge || !candidates || count <= 0 || !out || n == 0) return -1;
     const std::span<const port_name> ports{candidates, static_cast<size_t>(count)};
+    return search{bridge, ports, out, n, nullptr}.run().found ? 0 : -1;
+}
 
-    auto kernel = vela::routing_tables();
-    const vela::interface_query interfaces;
-    const auto route = vela::fetch_default_route(kernel, interfaces);
-    if (!route) {
-        log_debug("%s: no default route", log_module);
-        return -1;
+json_t *gateway_explain(const char *bridge, char (*candidates)[16], int count)
+{
+    if (!bridge || !candidates || count <= 0) {
+        errno = EINVAL;
+        return nullptr;
     }
-    log_debug("%s: gateway %s via %s", log_module, route->gateway_text, *route->ifname ? route->ifname : "(unknown)");
-
-    const auto found = vela::fetch_gateway_neighbour(kernel, interfaces, route->gateway, ports);
-    auto seen = found.value_or(vela::gateway_neighbour{});
-    if (seen.has_port && interfaces.link(seen.port) > 0) {
-        log_debug("%s: neighbor on %s", log_module, seen.port);
-        vela::copy_text(out, n, seen.port);
-        return 0;
+    const std::span<const port_name> ports{candidates, static_cast<size_t>(count)};
+    port_name port = "";
+    verdicts why{"gateway"};
+    const auto [found, reason] = search{bridge, ports, port, sizeof port, &why}.run();
+    for (const port_name &candidate : ports) {
+        const bool has_link = get_ethtool_link_status(candidate) > 0;
+        if (!why.has(candidate)) why.note(candidate, verdict::skipped, "unseen", {{"link", has_link}});
     }
-    if (seen.has_port) {
-        log_debug("%s: neighbor candidate %s is down", log_module, seen.port);
-    } else if (found) {
-        log_debug("%s: neighbor on bridge, checking FDB", log_module);
-    }
-    if (!seen.has_mac && gateway_get_mac(route->gateway_text, seen.mac) != 0) {
-        log_debug("%s: gateway MAC not resolved", log_module);
-        return -1;
-    }
-    return detect_in_database(bridge, seen.mac, ports, out, n);
+    why.conclude(reason, found ? port : nullptr);
+    return why.release();
 }

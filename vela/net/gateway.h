@@ -10,6 +10,7 @@
 #ifndef VELA_NET_GATEWAY_H
 #define VELA_NET_GATEWAY_H
 
+#include <jansson.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <vela/board/board.h>
@@ -59,6 +60,19 @@ VELA_API int gateway_enum_eth_netlink(char (*out)[16], int max);
  * @return 0; -1 when there is none with link, or for null or empty arguments
  */
 VELA_API int gateway_detect_uplink(const char *bridge, char (*candidates)[16], int count, char *out, size_t n);
+
+/**
+ * The same detection with everything that led to it: {question: "gateway", answer: port, reason, steps: [{name,
+ * verdict, reason, ...}]}.
+ *
+ * The reason is how the port was found ("neighbour", "fdb"), or what ended the search, in which case there is no
+ * answer. Steps: "route" found or no_default_route; "neighbour" on_port, on_bridge (seen, but on no candidate),
+ * not_in_table, no_answer; "mac" not_resolved; "fdb" learned or not_learned; then each port: neighbour, fdb, no_link,
+ * no_candidate (not among those given), unseen.
+ *
+ * @return a new object, which the caller releases; null with errno when memory is short, or for null or empty arguments
+ */
+VELA_API json_t *gateway_explain(const char *bridge, char (*candidates)[16], int count);
 
 #ifdef __cplusplus
 }
