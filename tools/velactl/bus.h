@@ -16,7 +16,7 @@ public:
     {
         vela_ubus_init();
         record_ =
-            base_ ? vela_ubus_create(base_.get(), default_path, "", VELA_UBUS_NO_LOOKUP, nullptr, nullptr) : nullptr;
+            base_ ? vela_ubus_create(base_.get(), VELA_UBUS_PATH, "", VELA_UBUS_NO_LOOKUP, nullptr, nullptr) : nullptr;
     }
     bus_connection(const bus_connection &) = delete;
     bus_connection &operator=(const bus_connection &) = delete;
@@ -27,7 +27,6 @@ public:
     [[nodiscard]] event_base *base() const { return base_.get(); }
 
 private:
-    static constexpr const char *default_path = "/var/run/ubus/ubus.sock";
     struct drop_base {
         void operator()(event_base *base) const { event_base_free(base); }
     };

@@ -101,6 +101,7 @@ extern const std::span<const command> monitor_commands;
 extern const std::span<const command> config_commands;
 extern const std::span<const command> service_commands;
 extern const std::span<const command> provider_commands;
+extern const std::span<const command> bus_commands;
 extern const std::span<const command> network_commands;
 extern const std::span<const command> link_commands;
 extern const std::span<const command> wireless_commands;

@@ -19,6 +19,7 @@ constexpr group all_groups[] = {
     {"Its configuration", config_commands},
     {"Daemons and services", service_commands},
     {"What the daemons provide", provider_commands},
+    {"The system bus", bus_commands},
     {"The network", network_commands},
     {"Interfaces and their neighbours", link_commands},
     {"Radios and the mesh", wireless_commands},
