@@ -121,7 +121,7 @@ std::string synopsis(const command &c);
 // Help and documents, all from the rows.
 void print_usage(FILE *out, std::span<const option> common);
 void print_help(const command &c);
-/// "man", "bash" or "markdown"; false for another word.
+/// "man", "bash", "markdown" or "json"; false for another word.
 bool print_document(std::string_view format, std::span<const option> common);
 /// ", did you mean X?" for the known word nearest to a wrong one; empty when none is near.
 std::string suggestion(std::string_view wrong, std::span<const char *const> known);

@@ -138,6 +138,53 @@ void print_markdown(std::span<const option> common)
     }
 }
 
+json options_json(std::span<const option> options)
+{
+    json list{json_array()};
+    for (const option &o : options) {
+        json each = object();
+        set(each, "name", o.name);
+        set(each, "value", o.value);
+        set(each, "help", o.help);
+        append(list, std::move(each));
+    }
+    return list;
+}
+
+json fields_json(std::span<const field> fields)
+{
+    json list{json_array()};
+    for (const field &f : fields) {
+        json each = object();
+        set(each, "name", f.name);
+        set(each, "holds", name_of(f.holds));
+        set(each, "meaning", f.meaning);
+        append(list, std::move(each));
+    }
+    return list;
+}
+
+/// The rows themselves, for programs.
+void print_rows(std::span<const option> common)
+{
+    json commands{json_array()};
+    for_each_command([&commands](const command &c) {
+        json each = object();
+        set(each, "name", c.name);
+        set(each, "parameters", c.parameters);
+        set(each, "help", c.help);
+        set(each, "gives", name_of(c.gives));
+        set(each, "members", fields_json(c.fields));
+        set(each, "options", options_json(c.options));
+        append(commands, std::move(each));
+    });
+    json document = object();
+    set(document, "options", options_json(common));
+    set(document, "commands", std::move(commands));
+    json_dumpf(document.get(), stdout, JSON_INDENT(1));
+    putchar('\n');
+}
+
 } // namespace
 
 const command *find_command(std::string_view name)
@@ -181,7 +228,8 @@ bool print_document(std::string_view format, std::span<const option> common)
         std::string_view name;
         void (*print)(std::span<const option>);
     };
-    constexpr document documents[] = {{"man", print_man}, {"bash", print_bash}, {"markdown", print_markdown}};
+    constexpr document documents[] = {
+        {"man", print_man}, {"bash", print_bash}, {"markdown", print_markdown}, {"json", print_rows}};
     for (const document &d : documents) {
         if (d.name != format) continue;
         d.print(common);

@@ -80,7 +80,7 @@ constexpr common_option common[] = {
      [](const char *) { ++chosen.verbose; }},
     {{"--help", "", "this page; with a command, what it does"}, 'h', [](const char *) { wants_help = true; }},
     {{"--version", "", "the library's version"}, '\0', [](const char *) { wants_version = true; }},
-    {{"--document", "FORMAT", "print the man page (man), completion (bash) or reference (markdown)"},
+    {{"--document", "FORMAT", "print the man page (man), completion (bash), reference (markdown) or all of it (json)"},
      '\0',
      [](const char *value) { wanted_document = value; }},
 };
@@ -211,7 +211,8 @@ status run(char **argv)
     const command_line line = read(argv);
     if (wanted_document) {
         if (velactl::print_document(wanted_document, common_words)) return status::done;
-        throw trouble(status::misused, std::string("no document \"") + wanted_document + "\": man, bash or markdown");
+        throw trouble(status::misused,
+                      std::string("no document \"") + wanted_document + "\": man, bash, markdown or json");
     }
     if (wants_version) {
         puts("velactl " VELA_VERSION);

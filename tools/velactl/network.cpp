@@ -98,7 +98,7 @@ constexpr field url_fields[] = {
     {"scheme", kind::text, "http, https, ws, wss or stun"},
     {"userinfo", kind::text, "before the @"},
     {"host", kind::text, "name or address"},
-    {"port", kind::text, "as written, or the scheme's"},
+    {"port", kind::number, "as written, or the scheme's"},
     {"path", kind::text, "from the first / on"},
 };
 

@@ -93,7 +93,7 @@ json power(arguments given)
     radio_service service;
     (void)facts_of(service, given[0]);
     if (vl_nl80211_interface_set_power(service.get(), given[0], mbm) != 0) {
-        throw trouble(status::failed, "the driver refused; velactl -v power ... says why");
+        throw trouble(status::failed, "the driver refused; velactl -v txpower ... says why");
     }
     return nullptr;
 }
@@ -289,7 +289,7 @@ constexpr option scan_options[] = {{"--last", "", "what was heard before, withou
 constexpr command commands[] = {
     {"frequency", "MHZ...", "channel and band of frequencies", 1, 64, frequency, answer::rows},
     {"radio", "INTERFACE", "channel, width, power, network, state", 1, 1, radio, answer::object},
-    {"power", "INTERFACE MBM", "set the transmit power, in 1/100 dBm", 2, 2, power},
+    {"txpower", "INTERFACE MBM", "set the transmit power, in 1/100 dBm", 2, 2, power},
     {"scan", "INTERFACE", "the networks around, strongest first", 1, 1, scan, answer::rows, {}, scan_options},
     {"uplinks", "", "a mesh node's uplink interfaces", 0, 0, uplinks},
 };
