@@ -78,8 +78,7 @@ int read_version()
     if (text_result != 0) return text_result;
     if (build_result != 0) return build_result;
     if (text[0] == '\0' || build[0] == '\0') return -EINVAL;
-    (void)snprintf(version.text, sizeof version.text, "%s.%s", text, build); // as much as fits
-    version.known = true;
+    version.known = snprintf(version.text, sizeof version.text, "%s.%s", text, build) > 0; // as much as fits
     return 0;
 }
 
