@@ -75,6 +75,8 @@ TEST(Internet, OneReasonAfterTheOther)
              {"ip -6 neigh replace fe80::1 lladdr 02:56:4c:00:07:01 dev eth0 nud reachable router",
               "gateway_seen gateway_seen gateway_seen"},
              {"echo nameserver ::1 >/tmp/resolv.conf.d/resolv.conf.auto", "no_resolver gateway_seen gateway_seen"},
+             {"cd /tmp/resolv.conf.d; rm resolv.conf.auto; mkfifo resolv.conf.auto",
+              "no_resolver gateway_seen gateway_seen"},
              {"ip -6 address flush dev eth0 scope global", "no_resolver gateway_seen no_address"},
              {"ip -n gw link set gw0 down", "no_carrier no_carrier no_address"},
              {"ip address flush dev eth0; ip route add default via 192.168.7.1 dev eth0 onlink;"
@@ -138,10 +140,10 @@ TEST(Internet, AConnectionBeyondTheGatewayIsProof)
              "ip -n gw address add 10.9.0.1/24 dev tofar; ip -n gw link set tofar up; ip -n far link set fromgw up;"
              "ip -n far address add 10.9.0.2/24 dev fromgw; ip -n far route add default via 10.9.0.1;"
              "ip netns exec gw sh -c 'echo 1 >/proc/sys/net/ipv4/ip_forward'; ip route add default via 192.168.7.1");
-    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in here = {};
-    here.sin_family = AF_INET;
-    here.sin_port = htons(99);
+    const int listener = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0); // of IPv4 peers too, as many daemons have
+    sockaddr_in6 here = {};
+    here.sin6_family = AF_INET6;
+    here.sin6_port = htons(99);
     ASSERT_EQ(0, bind(listener, reinterpret_cast<sockaddr *>(&here), sizeof here));
     ASSERT_EQ(0, listen(listener, 2));
     const auto connect_from = [listener](const std::string &where) {

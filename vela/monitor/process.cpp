@@ -49,7 +49,7 @@ class path
 public:
     path(std::string_view number, std::string_view file)
     {
-        const size_t n = copy_text(text_, number);
+        const size_t n = copy_text(text_, first(number, sizeof text_ / 2)); // no number has so many digits
         text_[n] = '/';
         copy_text(text_ + n + 1, sizeof text_ - n - 1, file);
     }

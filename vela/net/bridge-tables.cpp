@@ -21,8 +21,6 @@ namespace raw_netlink = vela::raw_netlink;
 namespace
 {
 
-bool is_name(const char *ifname) { return ifname && *ifname && vela::view(ifname).size() < IF_NAMESIZE; }
-
 /// The ages in kernel records count in these.
 uint32_t seconds(uint32_t ticks)
 {
@@ -278,7 +276,7 @@ void ask_neighbours(raw_netlink::channel &kernel, int family, uint32_t index)
 
 int vela_bridge_port_foreach(const char *bridge, vela_bridge_port_callback each, void *arg)
 {
-    if (!is_name(bridge) || !each) return -EINVAL;
+    if (!vela::is_interface_name(bridge) || !each) return -EINVAL;
     raw_netlink::channel kernel{NETLINK_ROUTE};
     bridge_link link = {};
     if (const int failed = find_bridge(kernel, bridge, link); failed < 0) return failed;
@@ -298,7 +296,7 @@ int vela_bridge_port_foreach(const char *bridge, vela_bridge_port_callback each,
 
 int vela_fdb_foreach(const char *bridge, vela_fdb_callback each, void *arg)
 {
-    if (!is_name(bridge) || !each) return -EINVAL;
+    if (!vela::is_interface_name(bridge) || !each) return -EINVAL;
     raw_netlink::channel kernel{NETLINK_ROUTE};
     bridge_link link = {};
     vela::link_names ports;
@@ -321,7 +319,7 @@ int vela_fdb_foreach(const char *bridge, vela_fdb_callback each, void *arg)
 int vela_neighbour_foreach(int family, const char *ifname, vela_neighbour_callback each, void *arg)
 {
     if (family != 0 && family != AF_INET && family != AF_INET6) return -EINVAL;
-    if ((ifname && !is_name(ifname)) || !each) return -EINVAL;
+    if ((ifname && !vela::is_interface_name(ifname)) || !each) return -EINVAL;
     const uint32_t index = ifname ? vela::interface_query{}.index(ifname) : 0;
     if (ifname && index == 0) return -ENODEV;
 

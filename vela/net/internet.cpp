@@ -6,9 +6,11 @@
 #include <algorithm>
 #include <atomic>
 #include <climits>
+#include <fcntl.h>
 #include <linux/inet_diag.h>
 #include <linux/neighbour.h>
 #include <linux/sock_diag.h>
+#include <sys/stat.h>
 #include <vela/core/internal/log.h>
 #include <vela/core/internal/record_json.h>
 #include <vela/net/internal/interface.h>
@@ -174,16 +176,27 @@ std::optional<vela_resolver> read_resolver(std::string_view text, const vela::in
     return std::nullopt;
 }
 
+/// Opens a plain file; null for anything else, such as a pipe that would hold the caller.
+vela::file_ptr open_plain(const char *path)
+{
+    vela::unique_fd fd{open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC)};
+    struct stat about = {};
+    if (!fd.ok() || fstat(fd.get(), &about) != 0 || !S_ISREG(about.st_mode)) return {};
+    vela::file_ptr file{fdopen(fd.get(), "r")};
+    if (file) (void)fd.release(); // the stream has it
+    return file;
+}
+
 /// The resolvers that a file names; those that lead further than to this device first of all.
 void read_resolvers(const char *path, vela_internet &out)
 {
     out.resolver_count = 0;
     const vela::interface_query interfaces;
-    const vela::file_ptr file{fopen(path, "re")};
+    const vela::file_ptr file = open_plain(path);
     char line[256];
     size_t total = 0;
     while (file && total < resolv_file_max && fgets(line, sizeof line, file.get())) {
-        total += strlen(line);
+        total += std::max<size_t>(strlen(line), 1); // a line may begin with a NUL
         char name[64];
         if (sscanf(line, "nameserver%*[ \t]%63[^ \t\r\n;#]", name) != 1) continue;
         const auto resolver = read_resolver(name, interfaces);
@@ -224,7 +237,6 @@ uint32_t reason_of(vela::internet_view &view, uint32_t family, vela_default_rout
     if (!view.has_global_address(family)) return VELA_INTERNET_NO_ADDRESS;
     if (!best) return VELA_INTERNET_NO_ROUTE;
     if (is_refused(best->route)) return best->route.reason;
-    look_beyond(view, family);
     return view.beyond_ms(family) <= beyond_max_ms ? uint32_t{VELA_INTERNET_BEYOND} : best->route.reason;
 }
 
@@ -235,10 +247,11 @@ int look_at_all(vela::internet_view &view, vela_internet &out)
     out.beyond_s = out.best4.confirmed_s = out.best6.confirmed_s = UINT32_MAX;
     const int result = look_at_routes(view);
     if (!is_answer(result)) return result;
-    out.reason6 = reason_of(view, AF_INET6, out.best6); // first: IPv6 sockets may have IPv4 peers
+    for (const uint32_t family : {AF_INET, AF_INET6}) look_beyond(view, family); // IPv6 sockets may have IPv4 peers
     out.reason4 = reason_of(view, AF_INET, out.best4);
-    const uint32_t beyond_ms = std::min(view.beyond_ms(AF_INET), view.beyond_ms(AF_INET6));
-    if (beyond_ms <= beyond_max_ms) out.beyond_s = beyond_ms / 1000;
+    out.reason6 = reason_of(view, AF_INET6, out.best6);
+    if (out.reason4 == VELA_INTERNET_BEYOND) out.beyond_s = view.beyond_ms(AF_INET) / 1000;
+    if (out.reason6 == VELA_INTERNET_BEYOND) out.beyond_s = std::min(out.beyond_s, view.beyond_ms(AF_INET6) / 1000);
     find_resolvers(out);
     out.reason = std::max(out.reason4, out.reason6);
     if (out.reason == VELA_INTERNET_GATEWAY_SEEN && out.resolver_count == 0) out.reason = VELA_INTERNET_NO_RESOLVER;

@@ -208,13 +208,11 @@ vela::json_ref netif_json(vela_netif n, const look &at)
     return object;
 }
 
-bool is_name(const char *ifname) { return ifname && *ifname && vela::view(ifname).size() < IF_NAMESIZE; }
-
 } // namespace
 
 int vela_netif_get(const char *ifname, vela_netif *out)
 {
-    if (!is_name(ifname) || !out) return -EINVAL;
+    if (!vela::is_interface_name(ifname) || !out) return -EINVAL;
     look at;
     vela_netif found;
     const int result = walk(at, ifname, [&found](const vela_netif &n) {
@@ -235,7 +233,7 @@ int vela_netif_foreach(vela_netif_callback each, void *arg)
 
 int vela_netaddr_foreach(const char *ifname, vela_netaddr_callback each, void *arg)
 {
-    if (!each || (ifname && !is_name(ifname))) return -EINVAL;
+    if (!each || (ifname && !vela::is_interface_name(ifname))) return -EINVAL;
     const uint32_t index = ifname ? vela::interface_query{}.index(ifname) : 0;
     if (ifname && index == 0) return -ENODEV;
     raw_netlink::channel kernel{NETLINK_ROUTE};
@@ -252,7 +250,7 @@ int vela_netaddr_foreach(const char *ifname, vela_netaddr_callback each, void *a
 
 json_t *vela_netif_json(const char *ifname)
 {
-    if (ifname && !is_name(ifname)) {
+    if (ifname && !vela::is_interface_name(ifname)) {
         errno = EINVAL;
         return nullptr;
     }

@@ -116,7 +116,7 @@ int vela_portal_client_get(vela_ubus_interface_t *iface, const uint8_t mac[6], v
     if (result < 0) return without_portal(result);
     vela_portal_client client;
     vela::read_record(answer.get(), client_rows, &client, sizeof client);
-    if (memcmp(client.mac, mac, sizeof client.mac) != 0) return -ENOENT;
+    if (!is_client(client) || memcmp(client.mac, mac, sizeof client.mac) != 0) return -ENOENT;
     *out = client;
     return 0;
 }

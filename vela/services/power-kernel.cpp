@@ -3,7 +3,6 @@
 #include <vela/core/internal/raw_netlink.h>
 //
 #include <cerrno>
-#include <dirent.h>
 #include <fcntl.h>
 #include <linux/genetlink.h>
 #include <unistd.h>
@@ -31,7 +30,7 @@ enum pse_attribute : uint16_t {
     available_power_limit = 12
 };
 enum header_attribute : uint16_t { header_dev_index = 1, header_dev_name = 2 };
-constexpr uint32_t admin_enabled = 3;
+constexpr uint32_t admin_disabled = 2, admin_enabled = 3;
 
 struct delivery {
     uint32_t status; // ETHTOOL_C33_PSE_PW_D_STATUS_...
@@ -87,8 +86,6 @@ void take_header(const raw_netlink::attribute &header, vela_power_outlet &outlet
     }
 }
 
-using directory = std::unique_ptr<DIR, vela::releaser<closedir>>;
-
 /// A file of /sys below a directory: one line, without its end. False when it cannot be read.
 template <size_t Size> bool read_line(int folder, const char *path, char (&line)[Size])
 {
@@ -108,6 +105,13 @@ uint32_t read_number(int folder, const char *path, uint64_t divisor)
     errno = 0;
     const uint64_t number = strtoull(line, nullptr, 10) / divisor;
     return errno == 0 && number < UINT32_MAX ? static_cast<uint32_t>(number) : UINT32_MAX;
+}
+
+/// 1 or 0 for a number of /sys that may count further ("online" does).
+uint32_t read_flag(int folder, const char *path)
+{
+    const uint32_t number = read_number(folder, path, 1);
+    return number == UINT32_MAX ? number : number != 0;
 }
 
 struct kind_name {
@@ -145,8 +149,8 @@ vela_power_supply read_supply(const char *name, int files)
     vela_power_supply supply = unknown_supply(name, VELA_POWER_FROM_KERNEL);
     constexpr uint64_t micro_per_milli = 1000;
     supply.kind = kind_of(files);
-    supply.present = read_number(files, "present", 1);
-    supply.online = read_number(files, "online", 1);
+    supply.present = read_flag(files, "present");
+    supply.online = read_flag(files, "online");
     supply.voltage_mv = read_number(files, "voltage_now", micro_per_milli);
     supply.current_ma = read_number(files, "current_now", micro_per_milli);
     supply.power_mw = read_number(files, "power_now", micro_per_milli);
@@ -174,7 +178,7 @@ struct delivery_list {
 /// Opens each entry of a folder of /sys in turn, as long as `visit` gives true. False without such a folder.
 template <class Visit> bool each_entry(const char *path, Visit visit, bool &go_on)
 {
-    const directory entries{opendir(path)};
+    const vela::dir_ptr entries{opendir(path)};
     if (!entries) return false;
     while (const dirent *entry = go_on ? readdir(entries.get()) : nullptr) {
         if (*entry->d_name == '.') continue;
@@ -227,7 +231,9 @@ vela_power_outlet power::read_outlet(std::span<const uint8_t> attributes)
         const uint32_t number = a->as<uint32_t>().value_or(UINT32_MAX);
         switch (a->type) {
         case pse_header: take_header(*a, outlet); break;
-        case admin_state: outlet.enabled = number == admin_enabled ? 1 : 0; break;
+        case admin_state:
+            if (number == admin_disabled || number == admin_enabled) outlet.enabled = number == admin_enabled;
+            break;
         case delivery_status: outlet.state = state_of(number); break;
         case power_class: outlet.power_class = number; break;
         case actual_power: outlet.power_mw = number; break;

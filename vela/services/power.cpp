@@ -71,12 +71,12 @@ json_ref with_unique_names(const json_t *list)
 
 /// What the daemon lists, each element with its source; else what the kernel tells.
 template <class Record, class Callback, class Fallback>
-int walk(vela_ubus_interface_t *iface, const char *method, std::span<const json_row> rows, Callback each, void *arg,
+int walk(vela::bus_questions &bus, const char *method, std::span<const json_row> rows, Callback each, void *arg,
          Fallback kernel)
 {
     if (!each) return -EINVAL;
     json_ref answer;
-    const int result = vela::bus_questions{iface}.ask(vela::settings::bus_power, method, nullptr, answer);
+    const int result = bus.ask(vela::settings::bus_power, method, nullptr, answer);
     if (vela::nobody_there(result)) return kernel(each, arg);
     if (result < 0) return result;
     const json_ref list = with_unique_names(json_object_get(answer.get(), method));
@@ -94,16 +94,28 @@ int put_list(json_t *object, const char *key, json_t *list)
     return json_object_set_new(object, key, list) == 0 ? 0 : -ENOMEM;
 }
 
+int walk_supplies(vela::bus_questions &bus, vela_power_supply_callback each, void *arg)
+{
+    return walk<vela_power_supply>(bus, "supplies", supply_rows, each, arg, vela::power::each_kernel_supply);
+}
+
+int walk_outlets(vela::bus_questions &bus, vela_power_outlet_callback each, void *arg)
+{
+    return walk<vela_power_outlet>(bus, "outlets", outlet_rows, each, arg, vela::power::each_kernel_outlet);
+}
+
 } // namespace
 
 int vela_power_supply_foreach(vela_ubus_interface_t *iface, vela_power_supply_callback each, void *arg)
 {
-    return walk<vela_power_supply>(iface, "supplies", supply_rows, each, arg, vela::power::each_kernel_supply);
+    vela::bus_questions bus{iface};
+    return walk_supplies(bus, each, arg);
 }
 
 int vela_power_outlet_foreach(vela_ubus_interface_t *iface, vela_power_outlet_callback each, void *arg)
 {
-    return walk<vela_power_outlet>(iface, "outlets", outlet_rows, each, arg, vela::power::each_kernel_outlet);
+    vela::bus_questions bus{iface};
+    return walk_outlets(bus, each, arg);
 }
 
 int vela_power_outlet_set(vela_ubus_interface_t *iface, const char *name, int enabled)
@@ -119,15 +131,16 @@ int vela_power_outlet_set(vela_ubus_interface_t *iface, const char *name, int en
 
 json_t *vela_power_json(vela_ubus_interface_t *iface)
 {
+    vela::bus_questions bus{iface}; // for both lists
     json_ref result{json_object()};
-    int status = put_list(result.get(), "supplies",
-                          vela::list_json<vela_power_supply>(
-                              [=](auto each, void *arg) { return vela_power_supply_foreach(iface, each, arg); },
-                              [](const auto &supply) { return vela::record_json(supply_rows, supply); }));
+    int status = put_list(
+        result.get(), "supplies",
+        vela::list_json<vela_power_supply>([&](auto each, void *arg) { return walk_supplies(bus, each, arg); },
+                                           [](const auto &supply) { return vela::record_json(supply_rows, supply); }));
     if (status == 0) {
         status = put_list(result.get(), "outlets",
                           vela::list_json<vela_power_outlet>(
-                              [=](auto each, void *arg) { return vela_power_outlet_foreach(iface, each, arg); },
+                              [&](auto each, void *arg) { return walk_outlets(bus, each, arg); },
                               [](const auto &outlet) { return vela::record_json(outlet_rows, outlet); }));
     }
     if (status == 0 && json_object_size(result.get()) == 0) status = -ENOENT;

@@ -36,7 +36,9 @@ void join_words(const json_t *words, char *out, size_t size)
         if (!word) continue;
         if (length != 0 && length + 1 < size) out[length++] = ' ';
         vela::read_text(word, out + length, size - length);
-        length += strlen(out + length);
+        const size_t taken = strlen(out + length);
+        length += taken;
+        if (word[taken] != '\0') break; // cut: nothing follows it
     }
     if (length != 0 && out[length - 1] == ' ') out[length - 1] = '\0'; // the next word did not fit
 }

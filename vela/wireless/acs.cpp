@@ -413,6 +413,10 @@ vela::json_ref candidate_json(const vela_acs_candidate &c)
 
 json_t *vela_acs_json(const vela_acs_candidate *candidates, size_t count)
 {
+    if (!candidates && count != 0) {
+        errno = EINVAL;
+        return nullptr;
+    }
     vela::json_ref array{json_array()};
     for (size_t i = 0; i < count; ++i) {
         if (json_array_append_new(array.get(), candidate_json(candidates[i]).release()) == 0) continue;

@@ -1,6 +1,7 @@
 // Rules of stations: the filters of both directions taken together, and the changes that make them what is wanted.
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <linux/pkt_sched.h>
 #include <vela/core/internal/log.h>
@@ -30,9 +31,7 @@ constexpr int32_t most_priority = 7;
 constexpr direction both[] = {direction::to_station, direction::from_station};
 
 /// Whether this process was told what its kernel lacks.
-constinit struct {
-    bool told = false;
-} missing_modules;
+constinit std::atomic_flag told_of_modules;
 
 constexpr vela::json_row rows[] = {
     {"mac", VELA_MEMBER(vela_qos_rule, mac), shown::mac, unknown::never},
@@ -197,8 +196,9 @@ private:
     int needing(const char *modules, int result)
     {
         if (result != -ENOENT) return result;
-        if (!missing_modules.told) log_warn_as("vela_qos_set", "this kernel lacks %s: %s", modules, kernel_.reason());
-        missing_modules.told = true;
+        if (!told_of_modules.test_and_set()) {
+            log_warn_as("vela_qos_set", "this kernel lacks %s: %s", modules, kernel_.reason());
+        }
         return -EOPNOTSUPP;
     }
 
@@ -222,7 +222,11 @@ void put_back(control &c, rule_table &table, direction d, const uint8_t *mac, co
 int set(control &c, rule_table &table, const vela_qos_rule &rule)
 {
     if (const int result = c.read(table); result != 0) return result;
-    if (!table.find(rule.mac) && table.full()) return -ENOSPC;
+    const bool clears = std::ranges::all_of(both, [&](direction d) { return wanted_of(rule, d).is_nothing(); });
+    if (!table.find(rule.mac)) {
+        if (clears) return 0;
+        if (table.full()) return -ENOSPC;
+    }
     const entry before = filters_of(table, rule.mac);
 
     constexpr direction first = direction::to_station, second = direction::from_station;

@@ -327,6 +327,7 @@ int vela_sta_get(vl_nl80211_service *service, const char *ifname, const uint8_t 
 
 void vela_station_clear(vela_station *station)
 {
+    if (!station) return;
     constexpr vela_tcp_stats no_samples = {.lat_min = UINT32_MAX, .lat_avg = UINT64_MAX};
     *station = {.radio_health = 100,
                 .tcp_stats = {no_samples, no_samples},

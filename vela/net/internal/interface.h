@@ -5,9 +5,13 @@
 #include <net/if.h>
 #include <sys/socket.h>
 #include <vela/core/internal/own.h>
+#include <vela/core/internal/text.h>
 
 namespace vela
 {
+
+/// Whether an interface could have this name.
+inline bool is_interface_name(const char *name) { return name && *name && view(name).size() < IF_NAMESIZE; }
 
 /// Asks over one datagram socket, whatever the number of questions; a route socket takes them only since Linux 4.16.
 class interface_query

@@ -47,7 +47,7 @@ void read_kind(const raw_netlink::attribute &info, vela_netif &out)
     if (!data || view(out.kind) != "vlan") return;
     auto vlan = raw_netlink::attributes::inside(*data);
     while (const auto a = vlan.next()) {
-        if (a->type == IFLA_VLAN_ID) out.vlan_id = a->as<uint16_t>().value_or(UINT16_MAX);
+        if (a->type == IFLA_VLAN_ID && a->as<uint16_t>()) out.vlan_id = *a->as<uint16_t>();
     }
 }
 
