@@ -14,34 +14,19 @@ static int print(const vela_netif *netif, void *arg)
     return 0;
 }
 
-struct search {
-    uint8_t mac[6];
-    vela_fdb_entry found; /* a copy: the callback's record is valid only while it runs */
-    int done;
-};
-
-static int compare(const vela_fdb_entry *entry, void *arg)
-{
-    struct search *search = arg;
-    search->done = memcmp(entry->mac, search->mac, sizeof search->mac) == 0;
-    if (search->done) search->found = *entry;
-    return search->done; /* stop at the first */
-}
-
 int main(int argc, char **argv)
 {
     int result = vela_netif_foreach(print, NULL);
     if (result < 0) fprintf(stderr, "interfaces: %s\n", strerror(-result));
     if (argc < 3) return result < 0;
 
-    struct search search = {{0}, {{0}, 0, 0, "", 0, 0, 0}, 0};
-    if (strtomac(argv[2], search.mac) != 0) return 2;
-    result = vela_fdb_foreach(argv[1], compare, &search);
-    if (search.done)
-        printf("behind %s\n", search.found.port_name);
-    else if (result < 0)
-        fprintf(stderr, "%s: %s\n", argv[1], strerror(-result));
+    uint8_t mac[6];
+    vela_fdb_entry entry;
+    if (strtomac(argv[2], mac) != 0) return 2;
+    result = vela_fdb_find(argv[1], mac, 0, &entry);
+    if (result == 0)
+        printf("behind %s\n", entry.port_name);
     else
-        puts("not known at this moment");
-    return !search.done;
+        fprintf(stderr, "%s: %s\n", argv[1], strerror(-result)); /* ENOENT: not known at this moment */
+    return result != 0;
 }

@@ -134,6 +134,14 @@ TEST(Bridge, TenThousandEntriesAgreeWithTheSystemsTool)
     EXPECT_LE(10000, vela_fdb_foreach("br0", count_up<vela_fdb_entry>, &count));
     EXPECT_EQ(ours.size(), static_cast<size_t>(count));
 
+    vela_fdb_entry entry;
+    const uint8_t mac[] = {0x02, 0x56, 0x4c, 0x01, 0x27, 0x0f};
+    ASSERT_EQ(0, vela_fdb_find("br0", mac, 0, &entry));
+    EXPECT_STREQ("eth0", entry.port_name);
+    EXPECT_EQ(unsigned{VELA_FDB_STATIC}, entry.flags);
+    EXPECT_EQ(-ENOENT, vela_fdb_find("br0", mac, 7, &entry)) << "in another VLAN";
+    EXPECT_EQ(-ENOENT, vela_fdb_find("br1", mac, 0, &entry));
+
     const auto remove_port = [](const vela_fdb_entry *, void *arg) {
         if (++*static_cast<int *>(arg) == 1) site::run("ip link del eth0");
         return 0;
@@ -181,6 +189,8 @@ TEST(Bridge, Refusals)
 {
     lay_bridge();
     int count = 0;
+    vela_fdb_entry entry;
+    const uint8_t mac[6] = {2};
     const leak_check leaks;
     for (const auto &[name, error] : table<const char *, int>{
              {nullptr, EINVAL}, {"", EINVAL}, {"sixteen-letters!", EINVAL}, {"missing", ENODEV}, {"eth0", ENODEV}}) {
@@ -188,6 +198,7 @@ TEST(Bridge, Refusals)
         EXPECT_EQ(-error, vela_fdb_foreach(name, count_up<vela_fdb_entry>, &count));
         EXPECT_EQ(nullptr, vela_fdb_json(name));
         EXPECT_EQ(error, errno);
+        EXPECT_GT(0, vela_fdb_find(name, mac, 0, &entry));
     }
     EXPECT_EQ(-EINVAL, vela_fdb_foreach("br0", nullptr, nullptr));
     EXPECT_EQ(-EINVAL, vela_neighbour_foreach(AF_UNIX, nullptr, count_up<vela_neighbour>, &count));

@@ -1,7 +1,8 @@
 // Ports, forwarding databases and neighbours as records, over route netlink. Names of interfaces come from one question
 // per walk.
 
-#include <algorithm>
+#include <netinet/in.h> // before kernel headers, which define its records again with musl
+//
 #include <linux/if_bridge.h>
 #include <linux/if_link.h>
 #include <linux/neighbour.h>
@@ -107,6 +108,26 @@ int deliver(raw_netlink::channel &kernel, Read read, Callback each, void *arg)
         if (each(&record, arg) != 0) return count;
     }
     return kernel.result() < 0 ? kernel.result() : count;
+}
+
+/// What vela_fdb_find() does where the kernel takes no question about one entry.
+int find_by_walk(const char *bridge, const uint8_t *mac, uint32_t vlan, vela_fdb_entry &out)
+{
+    struct search {
+        const uint8_t *mac;
+        uint32_t vlan;
+        vela_fdb_entry *found;
+        int result;
+    } wanted = {mac, vlan, &out, -ENOENT};
+    const auto compare = [](const vela_fdb_entry *entry, void *arg) {
+        auto &s = *static_cast<search *>(arg);
+        if (memcmp(entry->mac, s.mac, sizeof entry->mac) != 0 || entry->vlan != s.vlan) return 0;
+        *s.found = *entry;
+        s.result = 0;
+        return 1;
+    };
+    const int result = vela_fdb_foreach(bridge, compare, &wanted);
+    return result < 0 && wanted.result < 0 ? result : wanted.result;
 }
 
 const char *port_state_word(uint32_t state)
@@ -314,6 +335,33 @@ int vela_fdb_foreach(const char *bridge, vela_fdb_callback each, void *arg)
         return true;
     };
     return deliver<vela_fdb_entry>(kernel, read, each, arg);
+}
+
+int vela_fdb_find(const char *bridge, const uint8_t mac[6], uint32_t vlan, vela_fdb_entry *out)
+{
+    if (!is_name(bridge) || !mac || vlan > 4094 || !out) return -EINVAL;
+    raw_netlink::channel kernel{NETLINK_ROUTE};
+    const vela::interface_query interfaces;
+    const uint32_t index = interfaces.index(bridge);
+    if (index == 0) return -ENODEV;
+
+    ndmsg wanted = {};
+    wanted.ndm_family = AF_BRIDGE;
+    raw_netlink::request question{RTM_GETNEIGH, wanted};
+    question.put(NDA_MASTER, index);
+    question.put_bytes(NDA_LLADDR, {mac, 6});
+    if (vlan != 0) question.put(NDA_VLAN, static_cast<uint16_t>(vlan));
+    kernel.ask(question, raw_netlink::how_much::one);
+    int result = -ENOENT;
+    while (const auto m = kernel.next()) {
+        vela_fdb_entry entry;
+        if (!vela::read_fdb_entry(*m, index, entry)) continue;
+        (void)interfaces.name(entry.port, entry.port_name); // "" for a port that has just vanished
+        *out = entry;
+        result = 0;
+    }
+    if (kernel.result() == -EOPNOTSUPP) return find_by_walk(bridge, mac, vlan, *out);
+    return kernel.result() < 0 ? kernel.result() : result;
 }
 
 int vela_neighbour_foreach(int family, const char *ifname, vela_neighbour_callback each, void *arg)

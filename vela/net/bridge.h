@@ -130,6 +130,15 @@ VELA_API int vela_fdb_foreach(const char *bridge, vela_fdb_callback each, void *
 VELA_API int vela_neighbour_foreach(int family, const char *ifname, vela_neighbour_callback each, void *arg);
 
 /**
+ * The entry of a hardware address in a bridge's forwarding database: one question, however many entries there are.
+ * Linux before 5.0 has no such question; there the database is walked.
+ *
+ * @param vlan  0 where the bridge does not filter VLANs
+ * @return 0; -ENOENT where there is none
+ */
+VELA_API int vela_fdb_find(const char *bridge, const uint8_t mac[6], uint32_t vlan, vela_fdb_entry *out);
+
+/**
  * The neighbour of an address, on an interface or (null) on the first that has it.
  *
  * @param address  in network order: 4 bytes for AF_INET, 16 for AF_INET6

@@ -105,6 +105,7 @@ template <class Each> int walk(look &at, const char *ifname, Each each)
     ifinfomsg wanted = {};
     wanted.ifi_index = static_cast<int>(index);
     raw_netlink::request question{RTM_GETLINK, wanted};
+    question.put(IFLA_EXT_MASK, uint32_t{RTEXT_FILTER_SKIP_STATS}); // those of IPv6; the link's own come nevertheless
     at.kernel.ask(question, ifname ? raw_netlink::how_much::one : raw_netlink::how_much::all);
     int count = 0;
     while (const auto m = at.kernel.next()) {
