@@ -1,8 +1,8 @@
 // Ports, forwarding databases and neighbours beside the system's own tools.
-#include "site/world.h"
 #include "tests/support/faults.h"
 #include "tests/support/json.h"
 #include "tests/support/leaks.h"
+#include "tests/support/shell.h"
 #include "tests/support/table.h"
 
 #include <arpa/inet.h>
@@ -15,8 +15,6 @@
 
 namespace
 {
-
-void must_run(const std::string &commands) { ASSERT_EQ(0, site::run("set -e; " + commands)) << commands; }
 
 void lay_bridge()
 {

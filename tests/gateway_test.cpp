@@ -1,8 +1,8 @@
 // On real bridges: this world is the device, a network namespace "gw" behind its ports is the rest of the site.
-#include "site/world.h"
 #include "tests/support/json.h"
 #include "tests/support/leaks.h"
 #include "tests/support/log_lines.h"
+#include "tests/support/shell.h"
 #include "tests/support/table.h"
 
 #include <arpa/inet.h>
@@ -20,8 +20,6 @@ namespace
 
 constexpr const char *gateway_ip = "192.168.7.1";
 constexpr const char *gateway_mac = "02:56:4c:00:07:01";
-
-void must_run(const std::string &commands) { ASSERT_EQ(0, site::run("set -e; " + commands)) << commands; }
 
 /// Three ports eth0..eth2, each with a far end far0..far2 in the namespace gw.
 void lay_ports()

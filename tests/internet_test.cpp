@@ -1,8 +1,8 @@
 // One world per reason: this one is the device, the namespace "gw" its gateway, "far" what lies beyond.
-#include "site/world.h"
 #include "tests/support/faults.h"
 #include "tests/support/json.h"
 #include "tests/support/leaks.h"
+#include "tests/support/shell.h"
 #include "tests/support/table.h"
 
 #include <arpa/inet.h>
@@ -14,8 +14,6 @@
 
 namespace
 {
-
-void must_run(const std::string &commands) { ASSERT_EQ(0, site::run("set -e; " + commands)) << commands; }
 
 /// eth0 and eth1 towards the gateway, which has 192.168.7.1 and fe80::1 on the first and 192.168.8.1 on the second.
 void lay_site()

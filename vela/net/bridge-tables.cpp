@@ -339,7 +339,7 @@ int vela_fdb_foreach(const char *bridge, vela_fdb_callback each, void *arg)
 
 int vela_fdb_find(const char *bridge, const uint8_t mac[6], uint32_t vlan, vela_fdb_entry *out)
 {
-    if (!is_name(bridge) || !mac || vlan > 4094 || !out) return -EINVAL;
+    if (!vela::is_interface_name(bridge) || !mac || vlan > 4094 || !out) return -EINVAL;
     raw_netlink::channel kernel{NETLINK_ROUTE};
     const vela::interface_query interfaces;
     const uint32_t index = interfaces.index(bridge);

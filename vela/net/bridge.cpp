@@ -26,12 +26,6 @@ constexpr size_t path_size = 128;
 
 static_assert(sizeof(__fdb_entry) == 16);
 
-// An interface name from outside must not lead elsewhere in sysfs.
-bool is_interface_name(const char *name)
-{
-    return name && *name && strlen(name) < IFNAMSIZ && !strchr(name, '/') && name[0] != '.';
-}
-
 int port_number(const __fdb_entry &entry) { return entry.port_no | entry.port_hi << 8; }
 
 bool is_bridge(const char *ifname)
@@ -71,7 +65,7 @@ int get_mac_by_ip(const char *ip, char *mac, size_t size)
 int get_mac_brinfo(const char *bridge, const char *mac)
 {
     uint8_t wanted[6];
-    if (!is_interface_name(bridge) || !mac || strtomac(mac, wanted) != 0) return -1;
+    if (!vela::is_interface_name(bridge) || !mac || strtomac(mac, wanted) != 0) return -1;
     const vela::formatted<path_size> path{"/sys/class/net/%s/brforward", bridge};
     const vela::file_ptr database{fopen(path.c_str(), "re")};
     __fdb_entry entry;
@@ -85,7 +79,7 @@ int get_ifname_from_br_portno(const char *bridge, int portno, char *ifname, size
 {
     if (!ifname || size == 0) return -1;
     ifname[0] = '\0';
-    if (!is_interface_name(bridge) || portno < 0) return -1;
+    if (!vela::is_interface_name(bridge) || portno < 0) return -1;
     const vela::dir_ptr ports{opendir(vela::formatted<path_size>{"/sys/class/net/%s/brif", bridge}.c_str())};
     if (!ports) return -1;
     while (const dirent *port = readdir(ports.get())) {
@@ -100,7 +94,7 @@ int get_ifname_from_br_portno(const char *bridge, int portno, char *ifname, size
 
 int get_ethtool_link_status(const char *ifname)
 {
-    return is_interface_name(ifname) ? vela::interface_query{}.link(ifname) : -1;
+    return vela::is_interface_name(ifname) ? vela::interface_query{}.link(ifname) : -1;
 }
 
 int get_uplink_device(char *buf, size_t size)

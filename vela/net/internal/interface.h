@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <net/if.h>
 #include <sys/socket.h>
 #include <vela/core/internal/own.h>
@@ -10,8 +11,11 @@
 namespace vela
 {
 
-/// Whether an interface could have this name.
-inline bool is_interface_name(const char *name) { return name && *name && view(name).size() < IF_NAMESIZE; }
+/// Whether an interface may have this name, which then leads nowhere else in sysfs.
+inline bool is_interface_name(const char *name)
+{
+    return name && *name && strnlen(name, IF_NAMESIZE) < IF_NAMESIZE && !strchr(name, '/') && name[0] != '.';
+}
 
 /// Asks over one datagram socket, whatever the number of questions; a route socket takes them only since Linux 4.16.
 class interface_query
