@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <compare>
 #include <cstring>
 #include <linux/genetlink.h>
 #include <linux/neighbour.h>

@@ -16,7 +16,7 @@ namespace
 {
 
 static_assert(sizeof(vela_acs_candidate) == 68);
-static_assert(sizeof(vela_acs_options) == (sizeof(void *) == 8 ? 64 : 44));
+static_assert(sizeof(vela_acs_options) == (sizeof(void *) == 8 ? 64 : 48));
 
 constexpr uint32_t absent = UINT32_MAX;
 constexpr uint32_t whole = 1000; // permille
