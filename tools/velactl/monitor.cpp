@@ -1,17 +1,23 @@
-// What the device is doing: processes, load.
+// What the device is doing: processes, sockets, connections, load.
 #include "command.h"
 
+#include <arpa/inet.h>
 #include <cerrno>
 #include <cstring>
+#include <vela/monitor/connection.h>
 #include <vela/monitor/load.h>
 #include <vela/monitor/process.h>
+#include <vela/monitor/socket.h>
 
 namespace velactl
 {
 namespace
 {
 
-constexpr option follow_options[] = {{"--follow", "SECONDS", "again every so often, a line for each row"}};
+constexpr option follow = {"--follow", "SECONDS", "again every so often, a line for each row"};
+constexpr option follow_options[] = {follow};
+constexpr option socket_options[] = {
+    {"--owner", "", "the process that each belongs to"}, {"--tcp-info", "", "what TCP has measured"}, follow};
 
 /// A gathered answer, or trouble that names what cannot be read.
 json gathered(json_t *answer, const char *what)
@@ -31,7 +37,7 @@ void show_rows(const command &c, const json &answer)
 /// Looks once, or with --follow again and again until the user ends it.
 template <class Look> json look(const char *name, const arguments &given, Look once)
 {
-    const char *period = given.value("--follow");
+    const char *period = given.value(follow.name);
     if (!period) return once();
     const int period_ms = static_cast<int>(number(period, "SECONDS", 1, 86400)) * 1000;
     do {
@@ -51,6 +57,46 @@ json processes(arguments given)
             if (given.empty() || name.find(given[0]) != name.npos) append(rows, json{json_incref(row)});
         }
         return rows;
+    });
+}
+
+json sockets(arguments given)
+{
+    uint32_t wants = 0;
+    if (given.has("--owner")) wants |= VELA_SOCKET_OWNER;
+    if (given.has("--tcp-info")) wants |= VELA_SOCKET_TCP_INFO;
+    return look("sockets", given, [wants] { return gathered(vela_socket_json(0, 0, wants, nullptr), "the sockets"); });
+}
+
+/// One direction as people read it: "192.168.1.20:49152".
+std::string end_of(const json_t *tuple, const char *address, const char *port)
+{
+    const std::string ip = json_string_value(json_object_get(tuple, address));
+    const bool has_colons = ip.find(':') != ip.npos;
+    return (has_colons ? "[" + ip + "]" : ip) + ":" + std::to_string(json_integer_value(json_object_get(tuple, port)));
+}
+
+json connections(arguments given)
+{
+    vela_connection_filter filter = {};
+    if (!given.empty()) {
+        filter.family = inet_pton(AF_INET, given[0], filter.address) == 1 ? AF_INET : AF_INET6;
+        if (filter.family == AF_INET6 && inet_pton(AF_INET6, given[0], filter.address) != 1) {
+            throw trouble(status::misused, std::string("ADDRESS must be an IP address, not \"") + given[0] + "\"");
+        }
+    }
+    return look("connections", given, [&filter] {
+        json all = gathered(vela_connection_json(&filter), "the connections");
+        if (chosen.as_json) return all;
+        for (size_t i = 0; i < json_array_size(all.get()); ++i) {
+            const json row{json_incref(json_array_get(all.get(), i))};
+            for (const char *direction : {"original", "reply"}) {
+                const json_t *tuple = json_object_get(row.get(), direction);
+                set(row, direction,
+                    end_of(tuple, "source", "source_port") + " > " + end_of(tuple, "destination", "destination_port"));
+            }
+        }
+        return all;
     });
 }
 
@@ -107,9 +153,41 @@ constexpr field process_fields[] = {
     {"name", kind::text, "as the kernel has it"},
     {"cmdline", kind::text, "its arguments"},
 };
+constexpr field socket_fields[] = {
+    {"family", kind::text, "inet, inet6, unix, netlink or packet"},
+    {"protocol", kind::text, "tcp, udp, raw, stream, dgram, seqpacket, or a number"},
+    {"state", kind::text, "established, listen, closed ..."},
+    {"receive_queue", kind::number, "bytes; connections that wait, for one that listens"},
+    {"send_queue", kind::number, "bytes; how many may wait, for one that listens"},
+    {"local", kind::text, "its address"},
+    {"local_port", kind::number, "its port"},
+    {"remote", kind::text, "the address at the other end"},
+    {"remote_port", kind::number, "the port there"},
+    {"path", kind::text, "of a local socket"},
+    {"uid", kind::number, "who made it"},
+    {"inode", kind::number, "names the socket"},
+};
+
+constexpr field connection_fields[] = {
+    {"protocol", kind::text, "tcp, udp, icmp, icmpv6, or a number"},
+    {"tcp_state", kind::text, "established, time_wait ..."},
+    {"original", kind::object, "source, source_port, destination, destination_port of the first packet"},
+    {"reply", kind::object, "the same of what comes back: other addresses where they are translated"},
+    {"timeout_s", kind::number, "until it is forgotten, if nothing comes"},
+    {"original_bytes", kind::number, "sent; where the kernel counts"},
+    {"reply_bytes", kind::number, "received"},
+};
+
 constexpr command commands[] = {
     {"processes", "[NAME]", "what runs, or what has NAME in its name", 0, 1, processes, answer::rows, process_fields,
      follow_options},
+    {"sockets", "", "what is open to the network and between processes", 0, 0, sockets, answer::rows, socket_fields,
+     socket_options,
+     "With --owner also pid and process, with --tcp-info rtt_us, retransmits and last_ack_ms. Kinds of sockets that "
+     "the kernel does "
+     "not list are left out; -v names them."},
+    {"connections", "[ADDRESS]", "what the firewall tracks, or what has ADDRESS at an end", 0, 1, connections,
+     answer::rows, connection_fields, follow_options, "Needs CAP_NET_ADMIN."},
     {"load",
      "[SECONDS]",
      "how busy it is, watched for SECONDS (1)",

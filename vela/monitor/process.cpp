@@ -43,22 +43,6 @@ uint64_t milliseconds(uint64_t ticks)
     return ticks * 1000 / ticks_per_second;
 }
 
-/// "PID/FILE", without the cost of printf.
-class path
-{
-public:
-    path(std::string_view number, std::string_view file)
-    {
-        const size_t n = copy_text(text_, first(number, sizeof text_ / 2)); // no number has so many digits
-        text_[n] = '/';
-        copy_text(text_ + n + 1, sizeof text_ - n - 1, file);
-    }
-    [[nodiscard]] const char *c_str() const { return text_; }
-
-private:
-    char text_[32];
-};
-
 int read_figures(int stat_file, vela_process &out)
 {
     char text[1024]; // the figures looked for stand in its first half
@@ -71,7 +55,7 @@ int read_figures(int stat_file, vela_process &out)
 int read_memory(int proc, const char *number, vela_process &out)
 {
     char text[128];
-    const ssize_t n = proc::read_at(proc, path{number, "statm"}.c_str(), text);
+    const ssize_t n = proc::read_at(proc, proc::path{number, "statm"}.c_str(), text);
     if (n < 0) return static_cast<int>(n);
     proc::words figures{{text, static_cast<size_t>(n)}};
     figures.skip(1);
@@ -82,7 +66,7 @@ int read_memory(int proc, const char *number, vela_process &out)
 int read_command_line(int proc, const char *number, vela_process &out)
 {
     char text[sizeof out.cmdline + 4]; // a character more than fits, so that a cut shows, and a NUL
-    const ssize_t n = proc::read_at(proc, path{number, "cmdline"}.c_str(), {text, sizeof text - 1});
+    const ssize_t n = proc::read_at(proc, proc::path{number, "cmdline"}.c_str(), {text, sizeof text - 1});
     if (n < 0) return static_cast<int>(n);
     write_command_line(text, static_cast<size_t>(n), out.cmdline);
     return 0;
@@ -91,7 +75,7 @@ int read_command_line(int proc, const char *number, vela_process &out)
 uint32_t count_descriptors(int proc, const char *number)
 {
     struct stat list;
-    const path directory{number, "fd"};
+    const proc::path directory{number, "fd"};
     if (fstatat(proc, directory.c_str(), &list, 0) < 0) return UINT32_MAX;
     if (list.st_size > 0) return static_cast<uint32_t>(list.st_size); // Linux 6.2 and later tell it here
     const unique_fd descriptors{openat(proc, directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
@@ -118,7 +102,7 @@ int read_more(int proc, const char *number, uint32_t wants, vela_process &out)
 
 int read_process(int proc, const char *number, uint32_t wants, vela_process &out)
 {
-    const unique_fd stat_file{openat(proc, path{number, "stat"}.c_str(), O_RDONLY | O_CLOEXEC)};
+    const unique_fd stat_file{openat(proc, proc::path{number, "stat"}.c_str(), O_RDONLY | O_CLOEXEC)};
     struct stat before, after;
     if (!stat_file.ok() || fstatat(proc, number, &before, 0) < 0) return -errno;
     if (const int failed = read_figures(stat_file.get(), out); failed < 0) return failed; // else it was there until now

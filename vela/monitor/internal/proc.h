@@ -13,6 +13,22 @@
 namespace vela::proc
 {
 
+/// "PID/FILE", without the cost of printf.
+class path
+{
+public:
+    path(std::string_view number, std::string_view file)
+    {
+        const size_t n = copy_text(text_, first(number, sizeof text_ / 2)); // no number has so many digits
+        text_[n] = '/';
+        copy_text(text_ + n + 1, sizeof text_ - n - 1, file);
+    }
+    [[nodiscard]] const char *c_str() const { return text_; }
+
+private:
+    char text_[32];
+};
+
 /// Reads a file once, as far as it fits: the kernel writes such a file in one piece. Its length, or a negative errno.
 ssize_t read_at(int directory, const char *path, std::span<char> into);
 
