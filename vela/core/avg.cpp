@@ -1,4 +1,5 @@
-// Plain integer arithmetic that wraps instead of overflowing: samples come from drivers and peers.
+// Averages of integers, and samples too far from them. Sums wrap instead of overflowing: samples come from drivers and
+// peers.
 
 #include <cmath>
 #include <cstddef>

@@ -1,6 +1,6 @@
-// Single lines and numbers are read through a descriptor, in one piece as a rule; files searched for a key, line by
-// line through a stream. What decides about a default is whether anything was read: opening leaves errno alone where it
-// succeeds, so an empty file has none to tell.
+// Reads and writes small text files: a line, a number, the value of a key; makes and removes directory trees. Single
+// lines and numbers are read through a descriptor, files searched for a key through a stream. A reader returns its
+// default when it reads no byte. An empty file sets no errno: the old value stays.
 
 #include <climits>
 #include <fcntl.h>

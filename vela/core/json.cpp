@@ -1,5 +1,5 @@
-// Thin accessors over jansson. Numbers in a document may come from anywhere: what is computed with them wraps or
-// saturates, it never overflows.
+// Reads and writes members of JSON objects by their type, and keeps time series in them. Numbers in a document may come
+// from anywhere: what is computed with them wraps or saturates, it never overflows.
 
 #include <cerrno>
 #include <vela/core/file.h>

@@ -1,5 +1,5 @@
-// One message is formatted once and written to each sink that wants it, in the order system log, standard error,
-// kernel log. The level test stands in the header, inline, so that a suppressed message costs no call.
+// Writes log messages to the system log, standard error and the kernel log, in this order, to each that is wanted. A
+// message is formatted once. The level test stands in the header, inline, so that a suppressed message costs no call.
 
 #include <cstdarg>
 #include <fcntl.h>

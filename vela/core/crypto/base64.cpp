@@ -1,4 +1,5 @@
-// One encoder and one decoder. The decoder knows the letters of both alphabets at once and ends at any other byte.
+// Base64 in both alphabets: one encoder and one decoder. The decoder knows the letters of both at once and ends at any
+// other byte.
 
 #include <array>
 #include <bit>

@@ -1,3 +1,5 @@
+// Ends the process when memory has run out.
+
 #include <cstdio>
 #include <vela/core/internal/memory.h>
 

@@ -1,3 +1,5 @@
+// Sends requests through libnl and gathers their answers.
+
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
