@@ -1,4 +1,4 @@
-# pkg-config file, CMake package, and a Debian package by CPack.
+# What users of the installed library find it by: pkg-config file and CMake package. And its software bill of materials.
 include(CMakePackageConfigHelpers)
 # From where the pkg-config file lies to the prefix, so that the tree can be installed and moved anywhere.
 file(RELATIVE_PATH VELA_PC_TO_PREFIX /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
@@ -14,11 +14,4 @@ install(EXPORT vela NAMESPACE vela:: FILE vela-targets.cmake DESTINATION ${CMAKE
 install(FILES ${PROJECT_BINARY_DIR}/vela-config.cmake ${PROJECT_BINARY_DIR}/vela-config-version.cmake
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/vela)
 
-set(CPACK_GENERATOR DEB)
-set(CPACK_PACKAGE_NAME libvela1)
-set(CPACK_PACKAGE_CONTACT "libvela maintainers <maintainers@vela.example>")
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_SUGGESTS "pkg-config, libjansson-dev") # the headers are in it, and include jansson's
-set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_STRIP_FILES ON)
-include(CPack)
+include(${CMAKE_CURRENT_LIST_DIR}/sbom.cmake)
