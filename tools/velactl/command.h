@@ -105,6 +105,7 @@ extern const std::span<const command> bus_commands;
 extern const std::span<const command> network_commands;
 extern const std::span<const command> link_commands;
 extern const std::span<const command> wireless_commands;
+extern const std::span<const command> why_commands;
 extern const std::span<const command> station_commands;
 
 /// Options that stand with any command.
@@ -117,6 +118,9 @@ extern settings chosen;
 
 const command *find_command(std::string_view name);
 std::string synopsis(const command &c);
+
+/// What holds back the thing that an explanation of the library is about, as a sentence; empty for nothing. Takes it.
+std::string held_back(json_t *explanation);
 
 // Help and documents, all from the rows.
 void print_usage(FILE *out, std::span<const option> common);

@@ -23,6 +23,7 @@ constexpr group all_groups[] = {
     {"The network", network_commands},
     {"Interfaces and their neighbours", link_commands},
     {"Radios and the mesh", wireless_commands},
+    {"Why", why_commands},
     {"Stations and channels", station_commands},
 };
 const std::span<const group> groups{all_groups};

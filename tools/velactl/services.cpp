@@ -67,6 +67,8 @@ json crash(arguments given)
     if (given.size() > 4) dump = read_dump(given[4]);
     info.data = dump.data();
     info.size = static_cast<uint32_t>(dump.size());
+    if (const std::string held = held_back(crash_explain(&info)); !held.empty())
+        throw trouble(status::failed, "held back: " + held + "; velactl why crash tells all of it");
     if (send_crash(&info) != 0)
         throw trouble(status::failed, "the report was not accepted; velactl -v crash ... says why");
     return nullptr;
