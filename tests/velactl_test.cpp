@@ -121,6 +121,8 @@ TEST_F(Velactl, EveryCommandAnswersAsItsTableSays)
         {"fdb br0", 0},
         {"neighbours", 0},
         {"internet", 0},
+        {"why gateway", 0},
+        {"payload", 3}, // there is none
         {"frequency 2412 5955", 0},
         {"processes", 0},
         {"load", 0},
