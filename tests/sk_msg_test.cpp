@@ -178,11 +178,18 @@ TEST(SkMsg, ReceivesWhateverAPeerMakesOfTheFraming)
 TEST(SkMsg, RefusesWhatItCannotSendAndDropsWhatItCannotHold)
 {
     log_lines log{"debug"};
-    message beyond{1, {1, 2}};
-    beyond.len = 3;
+    message beyond{1, {'h', 'i', '!'}};
+    beyond.data->read(beyond.data, nullptr, 1); // what was read does not count, what is behind the data does
+    buffer_pop(beyond.data, 1);
     sk_msg bare = {1, 1, nullptr};
     for (const bool connected : {true, false}) {
         wire w{connected};
+        beyond.len = BUFFER_DEFAULT_CAPACITY - 1;
+        EXPECT_EQ(beyond.len, w.send(beyond));
+        EXPECT_EQ(8U, w.take().size());
+        EXPECT_EQ(static_cast<size_t>(beyond.len), w.take().size());
+        log.take();
+        ++beyond.len;
         EXPECT_EQ(-1, w.send(beyond));
         EXPECT_EQ(-1, w.send(bare));
         EXPECT_THAT(log.texts(), ElementsAre("Invalid parameter", "Invalid parameter"));

@@ -225,6 +225,8 @@ constexpr buffer without_state = {
 
 } // namespace
 
+uint32_t vela::bytes_to_end(const buffer &b) { return b.state->allocated - b.state->read; }
+
 buffer *buffer_create2(uint32_t capacity)
 {
     auto *block = static_cast<buffer_block *>(malloc(sizeof(buffer_block)));

@@ -1,3 +1,5 @@
+// Control messages: requests to the management daemon and its replies.
+//
 // A request leaves from a socket bound at a temporary path, chunk by chunk, and its reply comes back to that path. The
 // deadline of a reply is fixed when the wait begins; whatever the peer sends, it ends there. Any breach of the framing
 // gives the whole reply up: nothing tells where the next message would begin.
@@ -21,7 +23,6 @@ constexpr const char *log_module = "mgr-proto";
 constexpr const char *source_name = "ctrl-proto"; // in the out-of-memory text
 
 constexpr char temporary_template[] = "/tmp/.mgr-XXXXXX";
-constexpr int names_tried = 8; // for one call, while somebody else takes each between its reservation and our bind
 constexpr time_t send_timeout_s = 10;
 constexpr uint32_t chunk_max = 16384;
 constexpr uint32_t payload_max = CTRL_MESSAGE_MAX - CTRL_HEADER_SIZE;
@@ -43,14 +44,18 @@ static_assert(sizeof(sockaddr_un) == 110 && sizeof(sockaddr_un::sun_path) == 108
 using message_ptr = std::unique_ptr<ctrl_msg, vela::releaser<ctrl_msg_destroy>>;
 using attribute_ptr = std::unique_ptr<ctrl_attribute, vela::releaser<ctrl_attribute_destroy>>;
 
-void *zeroed(size_t size)
+/// A zeroed block; without memory the process ends, and the text names the caller's line.
+void *zeroed(size_t size, int line = __builtin_LINE())
 {
     void *block = calloc(1, size);
-    if (!block) vela::out_of_memory(source_name, __LINE__);
+    if (!block) vela::out_of_memory(source_name, line);
     return block;
 }
 
-message_ptr new_message() { return message_ptr{static_cast<ctrl_msg *>(zeroed(sizeof(ctrl_msg)))}; }
+message_ptr new_message(int line = __builtin_LINE())
+{
+    return message_ptr{static_cast<ctrl_msg *>(zeroed(sizeof(ctrl_msg), line))};
+}
 
 const sockaddr *as_sockaddr(const sockaddr_un &address) { return reinterpret_cast<const sockaddr *>(&address); }
 
@@ -69,20 +74,11 @@ bool set_address(sockaddr_un &address, socklen_t &length, std::string_view path)
 
 // ---- receiving
 
-/// When a wait that begins now ends, in milliseconds of the monotonic clock, rounded down. A timeout of more than a
-/// century, or less than none, keeps its meaning without overflow.
-int64_t deadline_ms(int64_t now_ns, const timeval &timeout)
-{
-    const int64_t seconds = std::clamp<int64_t>(timeout.tv_sec, -4'000'000'000, 4'000'000'000);
-    const int64_t microseconds = std::clamp<int64_t>(timeout.tv_usec, -1'000'000'000'000, 1'000'000'000'000);
-    return (now_ns + seconds * 1'000'000'000 + microseconds * 1'000) / 1'000'000;
-}
-
 /// One reply on its way in. What fails is logged under the name of the call that waits.
 class incoming
 {
 public:
-    incoming(int sock, int64_t until_ms, ctrl_msg &reply) : sock_{sock}, until_ms_{until_ms}, reply_{reply} {}
+    incoming(int sock, const vela::deadline &until, ctrl_msg &reply) : sock_{sock}, until_{until}, reply_{reply} {}
 
     /// Takes one chunk: its header, then its bytes.
     bool take_chunk()
@@ -146,13 +142,11 @@ private:
     ssize_t receive(void *data, size_t size)
     {
         for (;;) {
-            const auto now_ns = vela::monotonic_ns();
-            const int64_t left_ms = now_ns ? until_ms_ - *now_ns / 1'000'000 : 0;
-            pollfd entry = {sock_, POLLIN, 0};
-            const int ready = left_ms < 1 ? 0 : poll(&entry, 1, static_cast<int>(std::min<int64_t>(left_ms, INT_MAX)));
-            if (ready == 0) errno = ETIMEDOUT;
-            if (ready < 0 && errno == EINTR) continue;
-            if (ready <= 0) return -1;
+            // A deadline that has passed ends the reply, whatever lies in the socket.
+            auto ready = vela::wait_result::timeout;
+            if (!until_.passed()) ready = vela::wait_through_signals(sock_, POLLIN, until_);
+            if (ready == vela::wait_result::timeout) errno = ETIMEDOUT;
+            if (ready != vela::wait_result::ready) return -1;
 
             // The kernel writes the address of an unnamed sender only in part, and shortens the length for the next.
             reply_.addr = {};
@@ -165,7 +159,7 @@ private:
     }
 
     int sock_;
-    int64_t until_ms_;
+    vela::deadline until_;
     ctrl_msg &reply_;
     size_t received_ = 0;
     bool last_ = false;
@@ -177,43 +171,26 @@ private:
 class temporary_path
 {
 public:
-    temporary_path() = default;
+    /// A file of that name keeps others from it until the socket takes its place.
+    temporary_path()
+    {
+        memcpy(path_, temporary_template, sizeof path_);
+        const vela::unique_fd file{mkostemp(path_, O_CLOEXEC)};
+        if (!file.ok()) *path_ = '\0';
+    }
     temporary_path(const temporary_path &) = delete;
     temporary_path &operator=(const temporary_path &) = delete;
     ~temporary_path()
     {
         const vela::errno_keeper keep;
-        if (*path_) (void)unlink(path_); // gone already where it was never bound
+        if (ok()) (void)unlink(path_); // gone already where it was never bound
     }
-
-    /// Takes a name that nobody has, by a file of that name. A name held before is left to who took it from us.
-    bool reserve()
-    {
-        memcpy(path_, temporary_template, sizeof path_);
-        const vela::unique_fd file{mkostemp(path_, O_CLOEXEC)};
-        if (!file.ok()) *path_ = '\0';
-        return file.ok();
-    }
+    [[nodiscard]] bool ok() const { return *path_ != '\0'; }
     [[nodiscard]] const char *c_str() const { return path_; }
 
 private:
-    char path_[sizeof temporary_template] = {};
+    char path_[sizeof temporary_template];
 };
-
-vela::unique_fd bind_temporary(temporary_path &path)
-{
-    vela::unique_fd sock;
-    for (int left = names_tried; !sock.ok() && left > 0; --left) {
-        if (!path.reserve()) {
-            log_error_as("service", "Failed creating temporary file: %s", strerror(errno));
-            return sock;
-        }
-        sock.reset(ctrl_socket_create(path.c_str()));
-        if (!sock.ok() && errno != EADDRINUSE) break;
-    }
-    if (!sock.ok()) log_error_as("service", "Failed creating communication socket.");
-    return sock;
-}
 
 bool answers(const ctrl_msg &reply, const ctrl_msg &request)
 {
@@ -338,11 +315,10 @@ ctrl_msg *ctrl_response_wait(int sock, const struct timeval *timeout)
         errno = EBADF;
         return nullptr;
     }
-    const auto now_ns = vela::monotonic_ns();
-    if (!now_ns) return nullptr;
+    if (!vela::monotonic_ns()) return nullptr; // no clock, no deadline
 
     message_ptr reply = new_message();
-    incoming chunks{sock, deadline_ms(*now_ns, timeout ? *timeout : timeval{}), *reply};
+    incoming chunks{sock, vela::deadline::after(timeout ? *timeout : timeval{}), *reply};
     while (!chunks.last_chunk_taken()) {
         if (!chunks.take_chunk()) return nullptr;
     }
@@ -351,9 +327,16 @@ ctrl_msg *ctrl_response_wait(int sock, const struct timeval *timeout)
 
 ctrl_msg *service(const ctrl_msg *request, const struct timeval *timeout)
 {
-    temporary_path path;
-    const vela::unique_fd sock = bind_temporary(path);
-    if (!sock.ok()) return nullptr;
+    const temporary_path path;
+    if (!path.ok()) {
+        log_error("Failed creating temporary file: %s", strerror(errno));
+        return nullptr;
+    }
+    const vela::unique_fd sock{ctrl_socket_create(path.c_str())};
+    if (!sock.ok()) {
+        log_error("Failed creating communication socket.");
+        return nullptr;
+    }
     if (ctrl_msg_send(sock.get(), request) < 0) {
         // On purpose: names the daemon even where the request goes elsewhere.
         log_error("Failed sending request to '%s' - '%s'", CTRL_MGRD_PATH, strerror(errno));

@@ -1,12 +1,16 @@
-// Sending and receiving a message are written once, over a "lane": how one byte range goes out, or one datagram comes
-// in, on a connected socket or to and from an address. Every wait ends at a moment of the monotonic clock. An
-// unconnected socket needs that: the kernel calls it writable while its receiver's queue is full, so that a wait
-// returns at once and the send that follows fails, for ever.
+// Typed messages over datagram sockets.
+//
+// Sending and receiving are written once, over a "lane": how one byte range goes out, or one datagram comes in, on a
+// connected socket or to and from an address. Every wait ends at a moment of the monotonic clock. An unconnected socket
+// needs that: the kernel calls it writable while its receiver's queue is full, so that a wait returns at once and the
+// send that follows fails, for ever. Waiting comes before each send: a socket takes more than it calls itself writable
+// for, and a peer that does not read is to cost the time limit rather than fill that room.
 
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <span>
+#include <vela/core/internal/buffer.h>
 #include <vela/core/internal/log.h>
 #include <vela/core/internal/wait.h>
 #include <vela/ipc/sk_msg.h>
@@ -25,8 +29,12 @@ static_assert(offsetof(sk_msg, type) == 0 && offsetof(sk_msg, len) == 4 && offse
 
 uint32_t held(const sk_msg &msg) { return msg.data ? msg.data->length(msg.data) : 0; }
 
-/// Whether there are as many bytes as the message is said to have.
-bool can_send(const sk_msg &msg) { return msg.len <= 0 || static_cast<uint32_t>(msg.len) <= held(msg); }
+/// Whether there are as many bytes as the message is said to have: those behind the buffer's data count too, a text's
+/// NUL for one.
+bool can_send(const sk_msg &msg)
+{
+    return msg.len <= 0 || (msg.data && static_cast<uint32_t>(msg.len) <= vela::bytes_to_end(*msg.data));
+}
 
 const char *text_of(const sk_msg &msg)
 {
@@ -38,7 +46,7 @@ int text_width(const sk_msg &msg, uint32_t most = INT_MAX) { return static_cast<
 
 void pause_ms(int ms) { (void)poll(nullptr, 0, ms); }
 
-/// As select has it: a negative time is an error, not for ever.
+/// False with errno for a negative time: an error, as select() has it, not for ever.
 bool is_time(int seconds)
 {
     if (seconds < 0) errno = EINVAL;

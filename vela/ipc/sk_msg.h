@@ -34,7 +34,8 @@ typedef struct sk_msg {
 /**
  * Sends a message on a connected socket.
  *
- * @param msg        borrowed; its buffer holds len bytes at least, and keeps them
+ * @param msg        borrowed; its buffer keeps its bytes. len may count any that are allocated behind the buffer's
+ * data, such as the NUL of a text
  * @param timeout_s  how long the socket may stay full, in seconds, for each datagram
  * @return len; -1 on a failure, errno ETIMEDOUT when the peer took nothing in time
  */

@@ -1,12 +1,14 @@
 // Waiting for a descriptor, bounded by the monotonic clock. poll rather than select: a descriptor may have any number.
 #pragma once
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdint>
 #include <ctime>
 #include <optional>
 #include <poll.h>
+#include <sys/time.h>
 
 namespace vela
 {
@@ -25,6 +27,13 @@ class deadline
 public:
     explicit deadline(int32_t seconds) : deadline{now_ns(), int64_t{seconds} * 1'000'000'000} {}
     static deadline after_ms(int32_t ms) { return {now_ns(), int64_t{ms} * 1'000'000}; }
+    /// A time of more than a century, or less than none, keeps its meaning without overflow.
+    static deadline after(const timeval &time)
+    {
+        const int64_t seconds = std::clamp<int64_t>(time.tv_sec, -4'000'000'000, 4'000'000'000);
+        const int64_t microseconds = std::clamp<int64_t>(time.tv_usec, -1'000'000'000'000, 1'000'000'000'000);
+        return {now_ns(), seconds * 1'000'000'000 + microseconds * 1'000};
+    }
     static deadline never() { return {0, INT64_MAX}; }
     static deadline earlier(deadline a, deadline b) { return a.at_ns_ < b.at_ns_ ? a : b; }
 
