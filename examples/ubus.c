@@ -7,14 +7,14 @@
 #include <stdio.h>
 #include <vela/ipc/ubus.h>
 
-/* After the first connection. Later ones come without a call: look objects up again when a call says "not found". */
+/* After the first connection. vela_ubus_set_reconnect_cb() tells of later ones. */
 static void connected(vela_ubus_interface_t *iface)
 {
     if (iface->id == 0) {
         printf("%s: nobody offers it yet\n", iface->service);
     } else {
         printf("%s is object %08x\n", iface->service, iface->id);
-        /* Its methods are called with libubus: ubus_invoke(iface->ctx, iface->id, "method", ...). */
+        /* Its methods are called with vela_ubus_call(iface, "method", ...). */
     }
     fflush(stdout);
 }

@@ -59,8 +59,8 @@ VELA_API vela_packet *gen_payload(const void *data, uint32_t len, uint16_t metho
  * @param received_len  bytes of the datagram, all of them at `pkt`
  * @param pkt           the packet; of no use afterwards unless it is valid
  * @param ctrl          gives the key and the sequence accepted last; the caller stores the new one
- * @return VELA_PACKET_VALID; VELA_PACKET_INVALID; VELA_PACKET_REPEATED for the sequence accepted last (methods 3, 5 and
- *         6 are never repeats)
+ * @return VELA_PACKET_VALID; VELA_PACKET_INVALID; VELA_PACKET_REPEATED for the sequence accepted last, which is 0
+ * before the first packet (methods 3, 5 and 6 are never repeats)
  */
 VELA_API int dec_payload(uint32_t received_len, vela_packet *pkt, struct vela_protocol_ctrl *ctrl);
 

@@ -2,12 +2,18 @@
  * @file
  * System bus connections on the caller's libevent base, which come back by themselves.
  *
- * A record is one connection to the bus and one object looked up on it. When the bus goes away its record tries again
- * once a second, for ever. For one thread: everything runs in that of the event base. The context is libubus's own, so
- * that a program calls ubus_invoke() and the rest of that library on `iface->ctx`.
+ * A record is one connection to the bus and one object looked up on it: calls, events and notifications go through it,
+ * with JSON. When the bus goes away its record tries again once a second, for ever. For one thread: everything runs in
+ * that of the event base.
+ *
+ * How long functions block: connecting, a lookup, and beginning or ending a listener for at most 3 seconds each, so
+ * that making a record may take 6; a call for its time limit. An attempt to reconnect waits in the event base for the
+ * daemon's greeting; once that has begun to arrive it blocks for at most 250 ms, and for at most another second while
+ * listeners are restored; a first connection made later looks its service up, for at most 3. With libubus a daemon that
+ * stops between one of its answers and the next can make a request longer.
  *
  * Signals: SIGINT, SIGTERM, SIGCHLD and SIGPIPE keep the dispositions they had, although libubus changes them when it
- * connects. A program that makes its own requests on `ctx` had better ignore SIGPIPE.
+ * connects. A program that makes requests of its own on `ctx` had better ignore SIGPIPE.
  */
 #ifndef VELA_IPC_UBUS_H
 #define VELA_IPC_UBUS_H
