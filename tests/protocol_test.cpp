@@ -8,6 +8,7 @@
 
 #include <csignal>
 #include <event2/event.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <unistd.h>
 #include <vela/core/log.h>
@@ -100,6 +101,23 @@ TEST_F(Protocol, InitRefusesWhatIsMissingAndSaysSo)
     }
     vela_protocol_client_event_mesh_halt_send();
     EXPECT_THAT(log.texts(), ElementsAre("unable to bind socket to device", "sock init failed")) << "no bridge";
+    leaks.expect_unchanged();
+}
+
+TEST_F(Protocol, AnInitLetsGoOfWhatTheLibraryHoldsAndOfNothingElse)
+{
+    site::put_file(address_path, "0.0.0.0\n");
+    const leak_check leaks;
+    for (const bool member : {false, true}) {
+        ASSERT_EQ(0, vela_protocol_init(1));
+        ASSERT_LE(0, vela_protocol_ctrl.fd);
+        memset(&vela_protocol_ctrl, 0, sizeof vela_protocol_ctrl); // as a program clears it: fd is 0
+        (void)log.texts();
+        EXPECT_EQ(0, member ? vela_protocol_init(0) : vela_protocol_client_init());
+        EXPECT_NE(-1, fcntl(0, F_GETFD)) << "standard input is the program's";
+        EXPECT_THAT(log.texts(), testing::Each(Not(HasSubstr("membership"))));
+    }
+    vela_protocol_deinit();
     leaks.expect_unchanged();
 }
 

@@ -68,7 +68,7 @@ private:
 
 /// What an answer is made of.
 enum class answer { nothing, text, object, rows, any };
-enum class kind { text, number, flag, list, object, rows };
+enum class kind { text, number, name, flag, list, object, rows }; // name: of a number, or the number
 
 /// One member of an answer. A member that the answer lacks is null in JSON.
 struct field {

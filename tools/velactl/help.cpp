@@ -49,6 +49,7 @@ const char *name_of(kind k)
     switch (k) {
     case kind::text: return "text";
     case kind::number: return "number";
+    case kind::name: return "text or number";
     case kind::flag: return "true or false";
     case kind::list: return "list";
     case kind::object: return "object";

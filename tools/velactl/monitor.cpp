@@ -155,7 +155,7 @@ constexpr field process_fields[] = {
 };
 constexpr field socket_fields[] = {
     {"family", kind::text, "inet, inet6, unix, netlink or packet"},
-    {"protocol", kind::text, "tcp, udp, raw, stream, dgram, seqpacket, or a number"},
+    {"protocol", kind::name, "tcp, udp, raw, stream, dgram, seqpacket, or a number"},
     {"state", kind::text, "established, listen, closed ..."},
     {"receive_queue", kind::number, "bytes; connections that wait, for one that listens"},
     {"send_queue", kind::number, "bytes; how many may wait, for one that listens"},
@@ -169,7 +169,7 @@ constexpr field socket_fields[] = {
 };
 
 constexpr field connection_fields[] = {
-    {"protocol", kind::text, "tcp, udp, icmp, icmpv6, or a number"},
+    {"protocol", kind::name, "tcp, udp, icmp, icmpv6, or a number"},
     {"tcp_state", kind::text, "established, time_wait ..."},
     {"original", kind::object, "source, source_port, destination, destination_port of the first packet"},
     {"reply", kind::object, "the same of what comes back: other addresses where they are translated"},

@@ -51,6 +51,7 @@ constinit struct {
     event *receive = nullptr;
     event *address = nullptr; // SIGUSR1
     ip_mreq membership = {};  // as last added
+    int socket = -1;          // what we opened: the record's fd is the program's to write
     uint32_t inits = 0;       // tells a handler's deinit and init from none
 } member_state;
 
@@ -167,7 +168,7 @@ void leave_group()
 bool open_member_socket()
 {
     constexpr const char *step = "vela_protocol_init";
-    ctrl.fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ctrl.fd = member_state.socket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (ctrl.fd < 0) {
         log_error_as(step, "unable to create udp socket, %s", strerror(errno));
         return false;
@@ -335,15 +336,30 @@ vela::unique_fd client_socket()
 void close_socket()
 {
     free_event(member_state.receive);
+    if (member_state.socket == ctrl.fd) member_state.socket = -1;
     const vela::unique_fd closing{ctrl.fd};
     ctrl.fd = -1;
+}
+
+/// Lets go of what an earlier init holds, silently, and of nothing else: the record may hold any number by now, 0 of a
+/// program that cleared it included. The group is left with its socket.
+void forget_earlier_init()
+{
+    ++member_state.inits;
+    member_state.table = nullptr;
+    free_event(member_state.address);
+    free_event(member_state.receive);
+    const vela::unique_fd closing{member_state.socket};
+    member_state.socket = -1;
+    member_state.membership = {};
+    clear_record();
 }
 
 } // namespace
 
 int vela_protocol_init(int member)
 {
-    vela_protocol_deinit(); // what an earlier init holds
+    forget_earlier_init();
     const int result = conclude(__func__, init(member));
     if (result == 0) log_info("vela_protocol init done");
     return result;
@@ -363,13 +379,10 @@ int vela_protocol_init_recv(event_base *base, const vela_handler_entry *table)
 
 void vela_protocol_deinit(void)
 {
-    ++member_state.inits;
-    member_state.table = nullptr;
     free_event(member_state.address);
     if (ctrl.fd >= 0) leave_group();
     close_socket();
-    member_state.membership = {};
-    clear_record();
+    forget_earlier_init(); // where the record had another number than ours
 }
 
 int vela_protocol_send(const void *data, uint32_t len, uint16_t method, uint16_t type, int encrypt)
@@ -393,7 +406,7 @@ void vela_protocol_set_mcast_ready_cb(void (*cb)(void)) { member_state.ready_cal
 
 int vela_protocol_client_init(void)
 {
-    vela_protocol_deinit();
+    forget_earlier_init();
     return conclude(__func__, client_init());
 }
 
@@ -405,7 +418,7 @@ void vela_protocol_client_send(const void *data, uint32_t len, uint16_t method)
         log_error("sock init failed");
         return;
     }
-    ctrl.fd = fd.release();
+    ctrl.fd = member_state.socket = fd.release();
     (void)vela_protocol_send(data, len, method, client_type, ctrl.encrypt); // logs its failure itself
     close_socket();
 }

@@ -229,12 +229,13 @@ int32_t sk_msg_recv(int fd, sk_msg *msg, int timeout_s)
 
 int32_t sk_msg_recv_limited(int fd, sk_msg *msg, int timeout_s, int32_t most)
 {
+    constexpr const char *step = "sk_msg_recv"; // its further form, in the log too
     if (!msg || fd < 0) {
-        log_error("Invalid parameter");
+        log_error_as(step, "Invalid parameter");
         return -1;
     }
     const connected_source source{fd, timeout_s, vela::wait_through_signals};
-    return receive_message(source, *msg, __func__, LIBVELA_LOG_TRACE, most);
+    return receive_message(source, *msg, step, LIBVELA_LOG_TRACE, most);
 }
 
 int32_t sk_msg_sendto(int fd, const sk_msg *msg, const struct sockaddr *to, socklen_t tolen)
