@@ -166,6 +166,13 @@ constexpr field socket_fields[] = {
     {"path", kind::text, "of a local socket"},
     {"uid", kind::number, "who made it"},
     {"inode", kind::number, "names the socket"},
+    {"peer_inode", kind::number, "of a local socket, names the other end"},
+    {"index", kind::number, "of the interface it is bound to"},
+    {"pid", kind::number, "who holds it; with --owner"},
+    {"process", kind::text, "that one's name; with --owner"},
+    {"rtt_us", kind::number, "smoothed round trip; with --tcp-info"},
+    {"retransmits", kind::number, "of the last segment; with --tcp-info"},
+    {"last_ack_ms", kind::number, "since the other end acknowledged; with --tcp-info"},
 };
 
 constexpr field connection_fields[] = {

@@ -64,7 +64,7 @@ void print_row(const std::vector<std::string> &cells, const std::vector<size_t> 
     say(std::move(line));
 }
 
-/// The members of all rows, in the order in which they first come.
+/// The members that are known in any row, in the order in which they first come.
 std::vector<std::string> columns(const json_t *rows)
 {
     std::vector<std::string> names;
@@ -73,6 +73,7 @@ std::vector<std::string> columns(const json_t *rows)
         json_t *member = nullptr;
         json_object_foreach(json_array_get(rows, i), key, member)
         {
+            if (json_is_null(member)) continue;
             if (std::find(names.begin(), names.end(), key) == names.end()) names.emplace_back(key);
         }
     }
