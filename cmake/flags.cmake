@@ -26,11 +26,13 @@ target_compile_options(vela_shipped INTERFACE
 target_link_options(vela_shipped INTERFACE LINKER:-z,relro LINKER:-z,now LINKER:--gc-sections LINKER:--as-needed)
 if(NOT VELA_SANITIZE)
     include(CheckCXXCompilerFlag)
+    set(CMAKE_REQUIRED_FLAGS -Werror) # clang only warns of a flag that its target ignores
     foreach(flag -fstack-protector-strong -fstack-clash-protection -fcf-protection -mbranch-protection=standard)
         string(MAKE_C_IDENTIFIER "VELA_HAS${flag}" has)
         check_cxx_compiler_flag(${flag} ${has})
         target_compile_options(vela_shipped INTERFACE $<$<BOOL:${${has}}>:${flag}>)
     endforeach()
+    unset(CMAKE_REQUIRED_FLAGS)
     target_compile_options(vela_shipped INTERFACE
         $<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>)
 endif()

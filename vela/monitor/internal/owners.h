@@ -1,6 +1,8 @@
 // Which process holds a socket: one look through /proc.
 #pragma once
 
+#include <cstdint>
+#include <string_view>
 #include <vela/core/internal/growing.h>
 
 namespace vela
