@@ -203,16 +203,18 @@ constexpr bool is_6ghz(rule r) { return r == rule::good_6ghz || r == rule::near_
 /// The board needs AFC for 6 GHz, and AFC is not active.
 bool waits_for_afc() { return board_requires_afc_for_6g(board_identify()) && get_afc_state() != AFC_ACTIVE; }
 
-int delta(const scan_entry &c5, const scan_entry &c6)
+/// How much stronger the first is; 0 unless both are there.
+int delta(const scan_entry *c5, const scan_entry *c6)
 {
-    return static_cast<int>(std::clamp<int64_t>(int64_t{c5.rssi} - c6.rssi, INT32_MIN, INT32_MAX));
+    if (!c5 || !c6) return 0;
+    return static_cast<int>(std::clamp<int64_t>(int64_t{c5->rssi} - c6->rssi, INT32_MIN, INT32_MAX));
 }
 
 /// The best 6 GHz candidate only where it may be used.
 rule decide(const scan_entry *c6, const scan_entry *c5)
 {
     if (c6 && c6->rssi >= good_enough_at_6g) return rule::good_6ghz;
-    if (c6 && c5) return delta(*c5, *c6) < band_margin ? rule::near_6ghz : rule::stronger_5ghz;
+    if (c6 && c5) return delta(c5, c6) < band_margin ? rule::near_6ghz : rule::stronger_5ghz;
     if (c6) return rule::only_6ghz;
     return c5 ? rule::only_5ghz : rule::none;
 }
@@ -231,12 +233,12 @@ void tell(rule r, const scan_entry *c6, const scan_entry *c5)
     case rule::near_6ghz:
         log_info_as(
             step, "band-select: both present \u2014 6GHZ preferred (5GHz delta=%d < %d), choosing 6GHZ (RSSI %d @ %d)",
-            delta(*c5, *c6), band_margin, rssi, mhz);
+            delta(c5, c6), band_margin, rssi, mhz);
         return;
     case rule::stronger_5ghz:
         log_info_as(step,
                     "band-select: both present \u2014 5GHz stronger by %d dB (>= %d), choosing 5GHz (RSSI %d @ %d)",
-                    delta(*c5, *c6), band_margin, rssi, mhz);
+                    delta(c5, c6), band_margin, rssi, mhz);
         return;
     case rule::only_6ghz:
         log_info_as(step, "band-select: only 6GHZ present, choosing 6GHZ (RSSI %d @ %d)", rssi, mhz);
