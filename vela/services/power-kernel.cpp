@@ -250,7 +250,9 @@ int power::each_kernel_outlet(vela_power_outlet_callback each, void *arg)
     const auto family = find_family(kernel, ethtool_family);
     if (!family) return -ENOENT;
     raw_netlink::request question{*family, genlmsghdr{pse_get, 1, 0}};
-    raw_netlink::request::list{question, pse_header | NLA_F_NESTED};
+    {
+        const raw_netlink::request::list header{question, pse_header | NLA_F_NESTED}; // empty: all interfaces
+    }
     kernel.ask(question, raw_netlink::how_much::all);
     int count = 0;
     while (const auto m = kernel.next()) {
