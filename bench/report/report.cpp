@@ -93,7 +93,8 @@ private:
         const char *name = json_string_value(json_object_get(run, "run_name"));
         if (!name || !kind || strcmp(kind, "iteration") != 0 || json_object_get(run, "error_occurred")) return;
         std::string_view rest = name;
-        rest = rest.substr(0, std::min(rest.find("/real_time"), rest.find("/iterations:")));
+        rest = rest.substr(0, std::min({rest.find("/real_time"), rest.find("/manual_time"), rest.find("/process_time"),
+                                        rest.find("/iterations:")}));
         const size_t first = rest.find('/');
         if (first == std::string_view::npos) return;
         const std::string what(rest.substr(0, first));
@@ -110,7 +111,7 @@ private:
     {
         const char *real = json_string_value(json_object_get(run, "name"));
         const char *unit = json_string_value(json_object_get(run, "time_unit"));
-        const bool waits = real && strstr(real, "/real_time");
+        const bool waits = real && (strstr(real, "/real_time") || strstr(real, "/manual_time"));
         const double t = json_number_value(json_object_get(run, waits ? "real_time" : "cpu_time"));
         return t * (!unit || strcmp(unit, "ns") == 0 ? 1
                     : strcmp(unit, "us") == 0        ? 1e3
