@@ -13,8 +13,8 @@
 #include <unistd.h>
 #include <vector>
 #include <vela/core/crypto.h>
-#include <vela/core/crypto/aes.h>
-#include <vela/core/crypto/sha256.h>
+#include <vela/core/internal/aes.h>
+#include <vela/core/internal/sha256.h>
 
 namespace
 {

@@ -10,8 +10,8 @@
 #include <random>
 #include <string>
 #include <vela/core/crypto.h>
-#include <vela/core/crypto/aes.h>
-#include <vela/core/crypto/sha256.h>
+#include <vela/core/internal/aes.h>
+#include <vela/core/internal/sha256.h>
 
 namespace
 {

@@ -6,7 +6,7 @@
 #include <atomic>
 #include <cstddef>
 #include <vela/core/crypto.h>
-#include <vela/core/crypto/aes.h>
+#include <vela/core/internal/aes.h>
 #include <vela/core/internal/secret.h>
 #include <vela/core/util.h>
 

@@ -4,7 +4,7 @@
 
 #include <arm_neon.h>
 #include <sys/auxv.h>
-#include <vela/core/crypto/aes_engine.h>
+#include <vela/core/internal/aes_engine.h>
 
 namespace
 {

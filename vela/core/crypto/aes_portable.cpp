@@ -6,7 +6,7 @@
 
 #include <array>
 #include <bit>
-#include <vela/core/crypto/aes_engine.h>
+#include <vela/core/internal/aes_engine.h>
 
 namespace
 {

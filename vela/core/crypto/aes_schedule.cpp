@@ -1,7 +1,7 @@
 // The key schedules of FIPS 197, in words as callers see them.
 
 #include <bit>
-#include <vela/core/crypto/aes.h>
+#include <vela/core/internal/aes.h>
 
 namespace
 {

@@ -3,7 +3,7 @@
 #if defined(__x86_64__)
 
 #include <cpuid.h>
-#include <vela/core/crypto/aes_engine.h>
+#include <vela/core/internal/aes_engine.h>
 #include <wmmintrin.h>
 
 namespace

@@ -5,8 +5,8 @@
 #include <bit>
 #include <cstring>
 #include <vela/core/crypto.h>
-#include <vela/core/crypto/sha256.h>
 #include <vela/core/internal/secret.h>
+#include <vela/core/internal/sha256.h>
 
 namespace
 {

@@ -4,7 +4,7 @@
 
 #include <arm_neon.h>
 #include <sys/auxv.h>
-#include <vela/core/crypto/sha256.h>
+#include <vela/core/internal/sha256.h>
 
 namespace
 {

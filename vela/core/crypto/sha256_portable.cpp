@@ -2,7 +2,7 @@
 
 #include <bit>
 #include <cstring>
-#include <vela/core/crypto/sha256.h>
+#include <vela/core/internal/sha256.h>
 
 namespace
 {

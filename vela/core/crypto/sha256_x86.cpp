@@ -4,7 +4,7 @@
 
 #include <cpuid.h>
 #include <immintrin.h>
-#include <vela/core/crypto/sha256.h>
+#include <vela/core/internal/sha256.h>
 
 namespace
 {

@@ -7,8 +7,8 @@
 #pragma once
 
 #include <bit>
-#include <vela/core/crypto/aes.h>
-#include <vela/core/crypto/block.h>
+#include <vela/core/internal/aes.h>
+#include <vela/core/internal/block.h>
 #include <vela/core/internal/secret.h>
 
 namespace vela::aes
